@@ -1,0 +1,11 @@
+// Runs one shell command line and drains its standard output into the log.
+#pragma once
+
+// 0 when the command was started and its output drained (its exit status is
+// never examined), -1 when it could not be started or was refused.
+int execnetd(const char* command);
+
+// True when `command` holds a character that a shell would treat as syntax
+// (; | & $ ` < > ( ) \ ' " or a newline). No command line of the daemon's own
+// contains one, so such a line can only come from text injected by a client.
+bool commandHasShellSyntax(const char* command);

@@ -1,0 +1,3 @@
+#include "daemon/DebugFlag.h"
+
+std::atomic<int32_t> gDebugLogEnabled{0};

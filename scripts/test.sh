@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs every test: once in a normal
+# build and once under the address and undefined-behaviour sanitizers.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+
+status=0
+for flavour in normal asan; do
+  echo "=== $flavour build ==="
+  scripts/build.sh "$flavour"
+  dir=build; [ "$flavour" = normal ] || dir=build/$flavour
+  echo "=== $flavour tests ==="
+  ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 300 || status=1
+done
+exit $status

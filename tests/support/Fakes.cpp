@@ -1,0 +1,114 @@
+#include "tests/support/Fakes.h"
+
+#include <cerrno>
+
+namespace vekd::test {
+
+std::optional<std::string> FakeProperties::read(const std::string& name) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_values.find(name);
+    if (it == m_values.end() || it->second.empty()) return std::nullopt;
+    return it->second;
+}
+
+bool FakeProperties::write(const std::string& name, const std::string& value) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_values[name] = value;
+    return true;
+}
+
+void FakeProperties::unset(const std::string& name) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_values.erase(name);
+}
+
+FILE* RecordingCommandPipe::open(const char* commandLine) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_commands.emplace_back(commandLine);
+    for (const std::string& fragment : m_failFragments) {
+        if (m_commands.back().find(fragment) != std::string::npos) return nullptr;
+    }
+    FILE* f = tmpfile();
+    if (f != nullptr) {
+        fwrite(m_output.data(), 1, m_output.size(), f);
+        rewind(f);
+    }
+    return f;
+}
+
+int RecordingCommandPipe::close(FILE* stream) { return fclose(stream); }
+
+std::vector<std::string> RecordingCommandPipe::commands() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_commands;
+}
+
+void RecordingCommandPipe::clear() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_commands.clear();
+}
+
+void RecordingCommandPipe::failWhenContains(const std::string& fragment) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_failFragments.push_back(fragment);
+}
+
+void RecordingCommandPipe::setOutput(const std::string& output) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_output = output;
+}
+
+int FakeClock::getTimeOfDay(struct timeval* tv) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_failNext) {
+        m_failNext = false;
+        errno = EFAULT;
+        return -1;
+    }
+    tv->tv_sec = static_cast<time_t>(m_nowUs / 1000000);
+    tv->tv_usec = static_cast<suseconds_t>(m_nowUs % 1000000);
+    return 0;
+}
+
+void FakeClock::sleepMicros(useconds_t micros) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_sleepsUs.push_back(micros);
+    m_nowUs += micros;
+}
+
+void FakeClock::sleepSeconds(unsigned seconds) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_sleepsUs.push_back(static_cast<uint64_t>(seconds) * 1000000);
+    m_nowUs += static_cast<uint64_t>(seconds) * 1000000;
+}
+
+void FakeClock::setNowMs(uint64_t ms) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_nowUs = ms * 1000;
+}
+
+std::vector<uint64_t> FakeClock::sleeps() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_sleepsUs;
+}
+
+pid_t FakeProcessLauncher::fork() {
+    if (m_failFork) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return 40000 + ++m_forks;
+}
+
+int FakeProcessLauncher::execv(const char*, char* const[]) {
+    errno = ENOENT;
+    return -1;
+}
+
+pid_t FakeProcessLauncher::waitpid(pid_t pid, int* status, int) {
+    m_waited.push_back(pid);
+    if (status) *status = m_status;
+    return pid;
+}
+
+}  // namespace vekd::test

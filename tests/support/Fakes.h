@@ -1,0 +1,102 @@
+// Recording fakes for the platform seams. Each installs itself for its
+// lifetime and restores the real implementation afterwards.
+#pragma once
+
+#include <sys/time.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/CommandPipe.h"
+#include "platform/ProcessLauncher.h"
+#include "platform/PropertyStore.h"
+
+namespace vekd::test {
+
+// System properties held in memory.
+class FakeProperties : public platform::PropertyStore {
+  public:
+    FakeProperties() : m_scope(*this) {}
+    std::optional<std::string> read(const std::string& name) override;
+    bool write(const std::string& name, const std::string& value) override;
+    void set(const std::string& name, const std::string& value) { write(name, value); }
+    void unset(const std::string& name);
+
+  private:
+    std::mutex m_mutex;
+    std::map<std::string, std::string> m_values;
+    ScopedSeam<platform::PropertyStore> m_scope;
+};
+
+// Records every command line handed to the runner, in order. Commands start
+// and print nothing unless told otherwise.
+class RecordingCommandPipe : public platform::CommandPipe {
+  public:
+    RecordingCommandPipe() : m_scope(*this) {}
+    FILE* open(const char* commandLine) override;
+    int close(FILE* stream) override;
+
+    std::vector<std::string> commands() const;
+    void clear();
+    // Commands containing `fragment` cannot be started.
+    void failWhenContains(const std::string& fragment);
+    // Every started command prints `output`.
+    void setOutput(const std::string& output);
+
+  private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_commands;
+    std::vector<std::string> m_failFragments;
+    std::string m_output;
+    ScopedSeam<platform::CommandPipe> m_scope;
+};
+
+// A clock that stands still until told otherwise; sleeping advances it.
+class FakeClock : public platform::Clock {
+  public:
+    explicit FakeClock(uint64_t nowMs = 1700000000000ULL) : m_nowUs(nowMs * 1000), m_scope(*this) {}
+    int getTimeOfDay(struct timeval* tv) override;
+    void sleepMicros(useconds_t micros) override;
+    void sleepSeconds(unsigned seconds) override;
+
+    void setNowMs(uint64_t ms);
+    void failNextTimeOfDay() { m_failNext = true; }
+    std::vector<uint64_t> sleeps() const;  // microseconds, in order
+
+  private:
+    mutable std::mutex m_mutex;
+    uint64_t m_nowUs;
+    bool m_failNext = false;
+    std::vector<uint64_t> m_sleepsUs;
+    ScopedSeam<platform::Clock> m_scope;
+};
+
+// fork() answers with a made-up pid and waitpid() with a chosen status; the
+// arguments that would have been executed are recorded.
+class FakeProcessLauncher : public platform::ProcessLauncher {
+  public:
+    FakeProcessLauncher() : m_scope(*this) {}
+    pid_t fork() override;
+    int execv(const char* path, char* const argv[]) override;
+    pid_t waitpid(pid_t pid, int* status, int options) override;
+
+    // The wait status for the next children (default 0: exited with 0).
+    void setStatus(int status) { m_status = status; }
+    void failFork() { m_failFork = true; }
+    int forks() const { return m_forks; }
+    std::vector<pid_t> waitedPids() const { return m_waited; }
+
+  private:
+    int m_status = 0;
+    bool m_failFork = false;
+    int m_forks = 0;
+    std::vector<pid_t> m_waited;
+    ScopedSeam<platform::ProcessLauncher> m_scope;
+};
+
+}  // namespace vekd::test

@@ -1,0 +1,51 @@
+#include "tests/support/TempRoot.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "platform/Root.h"
+
+namespace vekd::test {
+
+void makeDirs(const std::string& path) { std::filesystem::create_directories(path); }
+
+TempRoot::TempRoot() {
+    char tmpl[] = "/tmp/vekd-test-XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
+    m_path = tmpl;
+    if (const char* prev = getenv("VEKD_ROOT")) {
+        m_hadPrevious = true;
+        m_previous = prev;
+    }
+    setenv("VEKD_ROOT", m_path.c_str(), 1);
+    platform::reloadRootDir();
+}
+
+TempRoot::~TempRoot() {
+    if (m_hadPrevious) {
+        setenv("VEKD_ROOT", m_previous.c_str(), 1);
+    } else {
+        unsetenv("VEKD_ROOT");
+    }
+    platform::reloadRootDir();
+    std::error_code ec;
+    std::filesystem::remove_all(m_path, ec);
+}
+
+void TempRoot::writeFile(const std::string& systemPath, const std::string& content,
+                         bool executable) const {
+    const std::string full = at(systemPath);
+    makeDirs(std::filesystem::path(full).parent_path());
+    {
+        std::ofstream out(full, std::ios::binary | std::ios::trunc);
+        out << content;
+    }
+    if (executable) chmod(full.c_str(), 0755);
+}
+
+}  // namespace vekd::test
