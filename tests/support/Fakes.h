@@ -4,6 +4,7 @@
 
 #include <sys/time.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/ChangeWaiter.h"
 #include "platform/Clock.h"
 #include "platform/CommandPipe.h"
 #include "platform/ProcessLauncher.h"
@@ -97,6 +99,24 @@ class FakeProcessLauncher : public platform::ProcessLauncher {
     int m_forks = 0;
     std::vector<pid_t> m_waited;
     ScopedSeam<platform::ProcessLauncher> m_scope;
+};
+
+// Never blocks; counts the waits and wakes.
+class FakeChangeWaiter : public platform::ChangeWaiter {
+  public:
+    FakeChangeWaiter() : m_scope(*this) {}
+    void arm() override { ++m_arms; }
+    void waitForChange(int) override { ++m_waits; }
+    void wake() override { ++m_wakes; }
+    int arms() const { return m_arms; }
+    int waits() const { return m_waits; }
+    int wakes() const { return m_wakes; }
+
+  private:
+    std::atomic<int> m_arms{0};
+    std::atomic<int> m_waits{0};
+    std::atomic<int> m_wakes{0};
+    ScopedSeam<platform::ChangeWaiter> m_scope;
 };
 
 }  // namespace vekd::test
