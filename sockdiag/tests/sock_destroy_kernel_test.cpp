@@ -1,0 +1,197 @@
+// Real sockets destroyed by the kernel, inside a network namespace of the
+// test's own (the dump only sees that namespace's sockets).
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/LogSink.h"
+#include "sockdiag/SockDiag.h"
+#include "sockdiag/tests/LoopbackSockets.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/NetNamespace.h"
+
+namespace {
+
+using android::net::SockDiag;
+using vekd::test::Fds;
+using vekd::test::SocketOwner;
+
+constexpr uid_t kApp = 10123;
+constexpr uid_t kOtherApp = 10124;
+constexpr uid_t kProbeApp = 10999;
+
+// Whether this kernel destroys sockets on request (CONFIG_INET_DIAG_DESTROY).
+bool sockDestroySupported(std::string* why) {
+    Fds fds;
+    int receiver = fds.add(vekd::test::udpBound(AF_INET));
+    int probe;
+    {
+        SocketOwner owner(kProbeApp);
+        probe = fds.add(vekd::test::udpConnected(AF_INET, vekd::test::localPort(receiver)));
+    }
+    if (receiver < 0 || probe < 0) {
+        *why = std::string("cannot create loopback sockets: ") + strerror(errno);
+        return false;
+    }
+    SockDiag sd;
+    if (!sd.open()) {
+        *why = std::string("cannot open NETLINK_SOCK_DIAG: ") + strerror(errno);
+        return false;
+    }
+    int ret = sd.destroySockets(IPPROTO_UDP, kProbeApp, false);
+    if (ret == 0 && sd.socketsDestroyed() == 1 && vekd::test::pendingError(probe) == ECONNABORTED) {
+        return true;
+    }
+    *why = "this kernel does not destroy sockets on request (SOCK_DESTROY unsupported; "
+           "needs CONFIG_INET_DIAG_DESTROY)";
+    return false;
+}
+
+#define REQUIRE_SOCK_DESTROY()                                  \
+    do {                                                        \
+        vekd::platform::installHostLogger();                    \
+        VEKD_REQUIRE_PRIVATE_NETNS();                           \
+        std::string why_;                                       \
+        if (!sockDestroySupported(&why_)) GTEST_SKIP() << why_; \
+    } while (0)
+
+// One family's worth of sockets around UID kApp.
+struct Scene {
+    Fds fds;
+    int appClient = -1, peerOfAppClient = -1;   // app connects to root's listener
+    int appListener = -1;                        // app listens ...
+    int rootClient = -1, appAccepted = -1;       // ... and accepted root's connection
+    int appUdp = -1, udpReceiver = -1;
+    int otherClient = -1, otherAccepted = -1;    // another app's connection
+    int otherUdp = -1;
+
+    bool build(int family) {
+        using vekd::test::tcpConnection;
+        int rootListener = fds.add(vekd::test::tcpListener(family));
+        udpReceiver = fds.add(vekd::test::udpBound(family));
+        {
+            SocketOwner owner(kApp);
+            appListener = fds.add(vekd::test::tcpListener(family));
+        }
+        if (rootListener < 0 || udpReceiver < 0 || appListener < 0) return false;
+        const uint16_t udpPort = vekd::test::localPort(udpReceiver);
+
+        if (!tcpConnection(family, rootListener, kApp, 0, &appClient, &peerOfAppClient)) return false;
+        fds.add(appClient);
+        fds.add(peerOfAppClient);
+        if (!tcpConnection(family, appListener, 0, kApp, &rootClient, &appAccepted)) return false;
+        fds.add(rootClient);
+        fds.add(appAccepted);
+        if (!tcpConnection(family, rootListener, kOtherApp, 0, &otherClient, &otherAccepted)) return false;
+        fds.add(otherClient);
+        fds.add(otherAccepted);
+        {
+            SocketOwner owner(kApp);
+            appUdp = fds.add(vekd::test::udpConnected(family, udpPort));
+        }
+        {
+            SocketOwner owner(kOtherApp);
+            otherUdp = fds.add(vekd::test::udpConnected(family, udpPort));
+        }
+        return appUdp >= 0 && otherUdp >= 0;
+    }
+};
+
+// -1 with errno after a non-blocking receive, or what it returned.
+int receiveNow(int fd) {
+    char c;
+    return static_cast<int>(recv(fd, &c, 1, MSG_DONTWAIT));
+}
+
+TEST(SockDestroyKernel, DestroysTheUidsSocketsOnBothFamiliesAndSparesTheRest) {
+    REQUIRE_SOCK_DESTROY();
+    Scene v4, v6;
+    ASSERT_TRUE(v4.build(AF_INET)) << strerror(errno);
+    ASSERT_TRUE(v6.build(AF_INET6)) << strerror(errno);
+
+    vekd::test::LogCapture log;
+    EXPECT_EQ(killSocketsForUID("10123"), 0);
+    // Per family: the app's client, its accepted connection and its UDP socket.
+    EXPECT_EQ(log.count("VEK_GAMING: SOCK DESTROY [0]"), 6u);
+    EXPECT_EQ(log.count("VEK_GAMING: SOCK DESTROY [-"), 0u);
+
+    for (Scene* s : {&v4, &v6}) {
+        SCOPED_TRACE(s == &v4 ? "IPv4" : "IPv6");
+        // Destroyed: closed, with the abort waiting as the socket's error.
+        EXPECT_EQ(vekd::test::tcpState(s->appClient), TCP_CLOSE);
+        EXPECT_EQ(vekd::test::pendingError(s->appClient), ECONNABORTED);
+        EXPECT_EQ(vekd::test::tcpState(s->appAccepted), TCP_CLOSE);
+        EXPECT_EQ(vekd::test::pendingError(s->appUdp), ECONNABORTED);
+
+        // The peers of the destroyed connections were reset.
+        errno = 0;
+        EXPECT_EQ(receiveNow(s->peerOfAppClient), -1);
+        EXPECT_EQ(errno, ECONNRESET);
+        errno = 0;
+        EXPECT_EQ(receiveNow(s->rootClient), -1);
+        EXPECT_EQ(errno, ECONNRESET);
+
+        // The app's listener still accepts.
+        EXPECT_EQ(vekd::test::tcpState(s->appListener), TCP_LISTEN);
+        int c = -1, a = -1;
+        EXPECT_TRUE(vekd::test::tcpConnection(s == &v4 ? AF_INET : AF_INET6, s->appListener, 0, kApp,
+                                              &c, &a));
+        s->fds.add(c);
+        s->fds.add(a);
+
+        // The other app's sockets are untouched and still carry data.
+        EXPECT_EQ(vekd::test::tcpState(s->otherClient), TCP_ESTABLISHED);
+        EXPECT_EQ(vekd::test::tcpState(s->otherAccepted), TCP_ESTABLISHED);
+        EXPECT_EQ(send(s->otherClient, "x", 1, 0), 1);
+        EXPECT_EQ(vekd::test::pendingError(s->otherUdp), 0);
+        EXPECT_EQ(send(s->otherUdp, "x", 1, 0), 1);
+    }
+}
+
+TEST(SockDestroyKernel, AUidWithoutSocketsDestroysNothing) {
+    REQUIRE_SOCK_DESTROY();
+    Scene v4;
+    ASSERT_TRUE(v4.build(AF_INET));
+    vekd::test::LogCapture log;
+    EXPECT_EQ(killSocketsForUID("10555"), 0);
+    EXPECT_EQ(log.count("SOCK DESTROY"), 0u);
+    EXPECT_EQ(vekd::test::tcpState(v4.appClient), TCP_ESTABLISHED);
+}
+
+size_t countTimeWait(uint16_t port) {
+    std::string out = vekd::test::runShell("ss -Htan state time-wait sport = :" + std::to_string(port));
+    size_t lines = 0;
+    for (char c : out) lines += c == '\n';
+    return lines;
+}
+
+// The kernel reports a TIME_WAIT socket without its owner (UID 0): the
+// application's own pass never sees it, a pass for UID 0 destroys it.
+TEST(SockDestroyKernel, TimeWaitSocketsCarryNoOwner) {
+    REQUIRE_SOCK_DESTROY();
+    Fds fds;
+    int listener = fds.add(vekd::test::tcpListener(AF_INET));
+    ASSERT_GE(listener, 0);
+    int client = -1, accepted = -1;
+    ASSERT_TRUE(vekd::test::tcpConnection(AF_INET, listener, kApp, 0, &client, &accepted));
+    const uint16_t clientPort = vekd::test::localPort(client);
+    // The side that closes first ends in TIME_WAIT.
+    close(client);
+    char c;
+    ASSERT_EQ(recv(accepted, &c, 1, 0), 0);
+    close(accepted);
+    for (int i = 0; i < 100 && countTimeWait(clientPort) == 0; ++i) usleep(10000);
+    ASSERT_EQ(countTimeWait(clientPort), 1u);
+
+    EXPECT_EQ(killSocketsForUID("10123"), 0);
+    EXPECT_EQ(countTimeWait(clientPort), 1u);
+    EXPECT_EQ(killSocketsForUID("0"), 0);
+    EXPECT_EQ(countTimeWait(clientPort), 0u);
+}
+
+}  // namespace
