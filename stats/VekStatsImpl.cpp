@@ -1,0 +1,231 @@
+#include "stats/VekStatsImpl.h"
+
+#include <android/log.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "config/Parameters.h"
+#include "daemon/DebugFlag.h"
+#include "platform/Clock.h"
+#include "platform/Root.h"
+#include "stats/StatsFileAccess.h"
+
+namespace {
+
+constexpr const char* kTag = "VekStatsImpl";
+constexpr const char* kControlPath = "/proc/vek/config";
+constexpr const char* kProcDir = "/proc/vek";
+constexpr int kMapAttempts = 3;
+constexpr useconds_t kMapRetryMicros = 500000;
+
+std::atomic<VekStatsImpl*> gInstance{nullptr};
+
+vekd::stats::StatsFileAccess& files() { return vekd::Seam<vekd::stats::StatsFileAccess>::get(); }
+
+// Records replaced in the interface map or dropped from it without their
+// statistics, and estimators whose file was unmapped, are kept rather than
+// destroyed, so that nothing that still points at them can dangle.
+struct Retired {
+    std::vector<linkStatsWrapper_t*> records;
+    std::vector<VekStatsData*> estimators;
+};
+
+Retired& retired() {
+    static Retired r;
+    return r;
+}
+
+}  // namespace
+
+pthread_mutex_t VekStatsImpl::m_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+VekStatsImpl* VekStatsImpl::instance() {
+    VekStatsImpl* existing = gInstance.load(std::memory_order_acquire);
+    if (existing != nullptr) return existing;
+    auto* created = new VekStatsImpl();
+    pthread_mutex_init(&m_mutex, nullptr);
+    gInstance.store(created, std::memory_order_release);
+    return created;
+}
+
+void VekStatsImpl::finalize() {
+    VekStatsImpl* stats = gInstance.load(std::memory_order_acquire);
+    if (stats == nullptr) return;
+    if (gDebugLogEnabled) __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s +\n", "~VekStatsImpl");
+    stats->freeMmap();
+    pthread_mutex_destroy(&m_mutex);
+    gInstance.store(nullptr, std::memory_order_release);
+    delete stats;
+}
+
+void VekStatsImpl::resetForTesting() {
+    finalize();
+    Retired& r = retired();
+    for (linkStatsWrapper_t* record : r.records) delete record;
+    for (VekStatsData* data : r.estimators) delete data;
+    r.records.clear();
+    r.estimators.clear();
+}
+
+int VekStatsImpl::writeStatsConfFile(const char* command) {
+    if (command == nullptr) return -1;
+    if (gDebugLogEnabled) {
+        __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s:%s", "writeStatsConfFile", command);
+    }
+    const std::string path = vekd::platform::rootedPath(kControlPath);
+    int fd = files().open(path.c_str(), O_WRONLY, 0);
+    if (fd < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "open stats config file failed:%s",
+                            strerror(errno));
+        return -1;
+    }
+    // The module takes one command per write, NUL included.
+    const size_t length = strlen(command) + 1;
+    ssize_t written = files().write(fd, command, length);
+    int savedErrno = errno;
+    files().close(fd);
+    if (written != static_cast<ssize_t>(length)) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "write the config failed:%s\n",
+                            strerror(savedErrno));
+        return -1;
+    }
+    return 0;
+}
+
+bool VekStatsImpl::enableVEK(bool enable) {
+    char command[512];
+    if (!enable) {
+        freeMmap();
+        snprintf(command, sizeof(command), "%s%d", "enable=", 0);
+        return writeStatsConfFile(command) == 0;
+    }
+
+    Parameters* params = Parameters::instance();
+    char list[256];
+    writeStatsConfFile(params->getStatsProtocols(list, sizeof(list)));
+    writeStatsConfFile(params->getStatsPorts(list, sizeof(list)));
+    for (const auto& entry : params->m_interfaceMap) {
+        snprintf(command, sizeof(command), "%s%s", "iface=", entry.first.c_str());
+        writeStatsConfFile(command);
+    }
+    initMmap();
+    snprintf(command, sizeof(command), "%s%d", "enable=", 1);
+    return writeStatsConfFile(command) == 0;
+}
+
+void* VekStatsImpl::getStatsMmap(std::string iface) {
+    char path[128];
+    snprintf(path, sizeof(path), "%s%s%s_mmap", kProcDir, "/", iface.c_str());
+    if (gDebugLogEnabled) {
+        __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s %s+ filename =%s", "getStatsMmap",
+                            iface.c_str(), path);
+    }
+    const std::string rooted = vekd::platform::rootedPath(path);
+    int fd = files().open(rooted.c_str(), O_RDONLY | O_CREAT, 0777);
+    if (fd < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "open mmap file failed:%s", strerror(errno));
+        return nullptr;
+    }
+    void* map = files().mmap(kVekStatsFileSize, PROT_READ, MAP_SHARED, fd, 0);
+    if (map == MAP_FAILED) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "mmap stats file failed:%s", strerror(errno));
+    }
+    files().close(fd);
+    return map;
+}
+
+bool VekStatsImpl::initMmap() {
+    if (gDebugLogEnabled) __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s +\n", "initMmap");
+    pthread_mutex_lock(&m_mutex);
+
+    Parameters* params = Parameters::instance();
+    if (params->m_interfaceMap.empty()) {
+        bool empty = m_linkStatsMap.empty();
+        pthread_mutex_unlock(&m_mutex);
+        return empty;
+    }
+
+    size_t mapped = 0;
+    for (const auto& entry : params->m_interfaceMap) {
+        const std::string& name = entry.first;
+        auto* record = new linkStatsWrapper_t();
+        snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", name.c_str());
+
+        void* map = nullptr;
+        for (int attempt = 0; attempt < kMapAttempts; ++attempt) {
+            map = getStatsMmap(name);
+            if (map != nullptr && map != MAP_FAILED) break;
+            map = nullptr;
+            vekd::Seam<vekd::platform::Clock>::get().sleepMicros(kMapRetryMicros);
+        }
+        if (map != nullptr) {
+            record->statsData = new VekStatsData(map, false);
+            ++mapped;
+        }
+
+        auto found = m_linkStatsMap.find(name);
+        if (found != m_linkStatsMap.end()) {
+            if (found->second != nullptr) retired().records.push_back(found->second);
+            found->second = record;
+        } else {
+            m_linkStatsMap.emplace(name, record);
+        }
+    }
+
+    bool all = mapped == m_linkStatsMap.size();
+    pthread_mutex_unlock(&m_mutex);
+    return all;
+}
+
+void VekStatsImpl::freeMmap() {
+    if (gDebugLogEnabled) __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s +\n", "freeMmap");
+    pthread_mutex_lock(&m_mutex);
+    for (auto& entry : m_linkStatsMap) {
+        linkStatsWrapper_t* record = entry.second;
+        if (record == nullptr) continue;
+        if (record->statsData != nullptr) {
+            files().munmap(record->statsData->map, kVekStatsFileSize);
+            retired().estimators.push_back(record->statsData);
+            delete record;
+        } else {
+            retired().records.push_back(record);
+        }
+    }
+    m_linkStatsMap.clear();
+    pthread_mutex_unlock(&m_mutex);
+}
+
+unsigned int VekStatsImpl::getMaxLinkRateFromHistory(linkHistory_t& history, unsigned int lre,
+                                                     Parameters* params) {
+    const int32_t keep = params->m_bestEstCacheSize;
+    if (keep <= 0) return lre;
+
+    if (history.rates.size() < static_cast<size_t>(keep)) {
+        history.rates.push_back(lre);
+        if (history.maxRate < lre) history.maxRate = lre;
+        return history.maxRate;
+    }
+
+    // One value leaves per turn, even when the history is longer than the
+    // current size: lowering the size at run time never shrinks it at once.
+    const unsigned int leaving = history.rates.front();
+    history.rates.pop_front();
+    history.rates.push_back(lre);
+    if (history.maxRate == 0 || history.maxRate != leaving) {
+        if (history.maxRate < lre) history.maxRate = lre;
+        return history.maxRate;
+    }
+
+    // The maximum itself left: rescan.
+    history.maxRate = 0;
+    for (unsigned int rate : history.rates) {
+        if (rate > history.maxRate) history.maxRate = rate;
+    }
+    return history.maxRate;
+}
