@@ -1,0 +1,218 @@
+// Link rate estimation over rings built in memory, and the rate history.
+#include <vector>
+
+#include "stats/tests/StatsTestBase.h"
+
+namespace vekd::test {
+namespace {
+
+using stats::makeSample;
+using stats::StatsFileBuilder;
+
+struct Estimate {
+    unsigned rate;
+    unsigned count;
+};
+
+class EstimatorTest : public StatsTest {
+  protected:
+    Estimate estimate(bool wlan = false) {
+        VekStatsData data(ring.data(), wlan);
+        unsigned count = 12345;
+        unsigned rate = data.linkRateEstimate(&count, "wlan0");
+        return {rate, count};
+    }
+    void set(OperId id, int value) { params->m_operParams[id] = value; }
+
+    StatsFileBuilder ring;
+};
+
+// 1024 bytes every 8 ms is 1000 kbit/s of 1024 bits; the oldest sample has
+// no reference and only bounds the newest span.
+TEST_F(EstimatorTest, SteadyTrafficInKilobitsOf1024Bits) {
+    fillSteady(ring, 20, 8, 1024);
+    Estimate e = estimate();
+    EXPECT_EQ(e.rate, 1000u);
+    EXPECT_EQ(e.count, 19u);
+}
+
+TEST_F(EstimatorTest, WalkWrapsFromSlotOneToSlot1279AndIndexZeroMeans1279) {
+    ring.setWriteIndex(1270);
+    fillSteady(ring, 12, 8, 1024);  // slots 1271..1279, 1, 2, 3
+    ASSERT_EQ(ring.writeIndex(), 3u);
+    Estimate e = estimate();
+    EXPECT_EQ(e.count, 11u);
+    EXPECT_EQ(e.rate, 1000u);
+
+    ring.clear();
+    ring.setWriteIndex(1266);
+    fillSteady(ring, 13, 8, 1024);
+    ASSERT_EQ(ring.writeIndex(), 1279u);
+    ring.setWriteIndex(0);
+    e = estimate();
+    EXPECT_EQ(e.count, 12u);
+    EXPECT_EQ(e.rate, 1000u);
+}
+
+TEST_F(EstimatorTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
+    set(OPER_MINI_RATE_WINDOW, 10);
+    ring.setMagic();
+    ring.append(makeSample(kNowMs - 60, 1024));
+    ring.append(makeSample(kNowMs - 40, 1024));
+    ring.append(makeSample(kNowMs - 30, 9999, kVekSampleSpacer));
+    ring.append(makeSample(kNowMs - 20, 1024));
+    ring.append(makeSample(kNowMs - 10, 9999, kVekSampleSpacer));
+    // The newest spacer is passed over; each counted sample spans back to
+    // the sample before the spacer: 2 x 1024 bytes in 40 ms.
+    Estimate e = estimate();
+    EXPECT_EQ(e.count, 2u);
+    EXPECT_EQ(e.rate, 400u);
+
+    ring.clear();
+    ring.setMagic();
+    ring.append(makeSample(kNowMs - 40, 1024));
+    ring.append(makeSample(kNowMs - 30, 5000, 0));              // other kind
+    ring.append(makeSample(kNowMs - 20, 1024, kVekSampleCounted, 1));  // flagged
+    ring.append(makeSample(kNowMs - 10, 1024));
+    // Only the newest counts; the flagged sample is its reference, and the
+    // walk passes the uncounted ones down to the oldest, which has none.
+    e = estimate();
+    EXPECT_EQ(e.count, 1u);
+    EXPECT_EQ(e.rate, 800u);
+}
+
+TEST_F(EstimatorTest, StaleBoundIsInclusiveAndNowIsOneMillisecondAhead) {
+    // mini_stale_interval 1500: a sample at (now + 1) - 1500 is still used.
+    for (auto [newest, expected] : {std::pair<uint64_t, unsigned>{kNowMs + 1 - 1500, 1},
+                                    {kNowMs - 1500, 0}}) {
+        ring.clear();
+        fillSteady(ring, 2, 10, 1024, newest);
+        EXPECT_EQ(estimate().count, expected) << "newest sample at now - " << kNowMs - newest;
+    }
+}
+
+TEST_F(EstimatorTest, SizeBoundStopsAtTheLimitAndValidatesShortWindowsOnlyWhenPassed) {
+    fillSteady(ring, 10, 5, 1024);  // 20 ms of data are below mini_rate_window 50
+    params->m_maxSizeToCalculateLre = 4096;
+    Estimate e = estimate();
+    EXPECT_EQ(e.count, 4u);
+    EXPECT_EQ(e.rate, 0u);
+
+    params->m_maxSizeToCalculateLre = 4095;
+    e = estimate();
+    EXPECT_EQ(e.count, 4u);
+    EXPECT_EQ(e.rate, 1600u);  // 4096 bytes in 20 ms
+}
+
+TEST_F(EstimatorTest, WindowBoundAndZeroOrBackwardSpansEndTheWalk) {
+    set(OPER_IDEAL_EST_WINDOW, 100);
+    fillSteady(ring, 20, 10, 1024);
+    Estimate e = estimate();
+    EXPECT_EQ(e.count, 9u);  // a tenth span would reach the window
+    EXPECT_EQ(e.rate, 800u);
+
+    for (uint64_t olderTs : {kNowMs, kNowMs + 5}) {
+        ring.clear();
+        ring.setMagic();
+        ring.append(makeSample(kNowMs - 20, 1024));
+        ring.append(makeSample(olderTs, 1024));
+        ring.append(makeSample(kNowMs, 1024));
+        e = estimate();
+        EXPECT_EQ(e.count, 0u);
+        EXPECT_EQ(e.rate, 0u);
+    }
+}
+
+TEST_F(EstimatorTest, NotReadyAndClockFailureGiveZero) {
+    fillSteady(ring, 20, 8, 1024);
+    ring.setMagic(0);
+    Estimate e = estimate();
+    EXPECT_EQ(e.rate, 0u);
+    EXPECT_EQ(e.count, 12345u);  // untouched
+    EXPECT_EQ(log.linesOf("VekStatsData"),
+              std::vector<std::string>{"E VEK stat colletct is not ready"});
+
+    ring.setMagic();
+    log.clear();
+    clock.failNextTimeOfDay();
+    e = estimate();
+    EXPECT_EQ(e.rate, 0u);
+    EXPECT_EQ(e.count, 0u);
+    EXPECT_EQ(log.linesOf("VekStatsData"),
+              std::vector<std::string>{"E linkRateEstimate, gettimeofday failed"});
+}
+
+TEST_F(EstimatorTest, CorruptRingsEndWithinTheMapping) {
+    // The builder's buffer is exactly one file long, so a read past it is an
+    // error under the address sanitizer.
+    fillSteady(ring, 20, 8, 1024);
+    ring.setWriteIndex(1280);
+    EXPECT_EQ(estimate().rate, 0u);
+    EXPECT_TRUE(log.contains("WWAN:Index(1279) out of bound!"));
+
+    // Fresh rings of spacers or of uncounted samples all round.
+    for (uint8_t kind : {kVekSampleSpacer, uint8_t{0}}) {
+        ring.clear();
+        ring.setMagic();
+        for (uint32_t i = 0; i < kVekStatsRingSlots; ++i) ring.append(makeSample(kNowMs - i, 100, kind));
+        EXPECT_EQ(estimate().rate, 0u);
+    }
+
+    // A full ring with every bound out of the way is walked once round.
+    set(OPER_IDEAL_EST_WINDOW, 1 << 30);
+    set(OPER_MINI_STALE_INTERVAL, 1 << 30);
+    params->m_maxSizeToCalculateLre = 1 << 30;
+    ring.clear();
+    ring.setWriteIndex(700);
+    fillSteady(ring, kVekStatsRingSlots, 8, 1024);
+    Estimate e = estimate();
+    EXPECT_EQ(e.count, kVekStatsRingSlots - 1);
+    EXPECT_EQ(e.rate, 1000u);
+}
+
+TEST_F(EstimatorTest, VerboseLogShowsNewestEntryAndResult) {
+    gDebugLogEnabled = 1;
+    ring.setWriteIndex(0);
+    ring.setMagic();
+    ring.append(makeSample(kNowMs - 8, 1024, kVekSampleCounted, 0, 7));
+    ring.append(makeSample(kNowMs, 1024, kVekSampleCounted, 0, 9));
+    VekStatsData data(ring.data(), true);
+    data.linkRateEstimate(nullptr, "wlan0");
+    EXPECT_EQ(log.linesOf("VekStatsData"),
+              (std::vector<std::string>{
+                  "D WLAN:linkRateEstimate",
+                  "D WLAN:Entry(1):1700000000000,1024,9,2,0",
+                  "D WLAN:linkRateEstimate:0, size:1024, timeLen:8 interface:wlan0  -\n"}));
+}
+
+class HistoryTest : public StatsTest {
+  protected:
+    std::vector<unsigned> feed(std::initializer_list<unsigned> values) {
+        std::vector<unsigned> out;
+        for (unsigned v : values) {
+            out.push_back(VekStatsImpl::instance()->getMaxLinkRateFromHistory(history, v, params));
+        }
+        return out;
+    }
+    linkHistory_t history;
+};
+
+TEST_F(HistoryTest, KeepsTheMaximumOfTheLastEstimatesAndRescansWhenItLeaves) {
+    params->m_bestEstCacheSize = 3;
+    EXPECT_EQ(feed({5, 9, 3, 4, 2, 0, 0, 0}), (std::vector<unsigned>{5, 9, 9, 9, 4, 4, 2, 0}));
+    EXPECT_EQ(history.rates, (std::deque<unsigned>{0, 0, 0}));
+}
+
+TEST_F(HistoryTest, SizeZeroPassesThroughAndShrinkingDropsOneValuePerTurn) {
+    EXPECT_EQ(feed({7, 0}), (std::vector<unsigned>{7, 0}));
+    EXPECT_TRUE(history.rates.empty());
+
+    params->m_bestEstCacheSize = 3;
+    feed({1, 2, 3});
+    params->m_bestEstCacheSize = 2;
+    EXPECT_EQ(feed({0}), std::vector<unsigned>{3});
+    EXPECT_EQ(history.rates.size(), 3u);
+}
+
+}  // namespace
+}  // namespace vekd::test

@@ -1,0 +1,220 @@
+// Split ratios, and the evaluation turn that installs them as ratio rules.
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "rules/IptablesManager.h"
+#include "stats/tests/StatsTestBase.h"
+
+namespace vekd::test {
+namespace {
+
+constexpr const char* kRule =
+    "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kwop_VEK --match multiport -p tcp --dports "
+    "80,443 -m state --state NEW -m statistic --mode random --probability ";
+constexpr const char* kFlush = "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kwop_VEK";
+
+// Records command lines and whether the statistics lock was held while a
+// ratio rule line was run.
+class LockProbePipe : public RecordingCommandPipe {
+  public:
+    FILE* open(const char* line) override {
+        if (strstr(line, "kwop_VEK") != nullptr) {
+            int rc = pthread_mutex_trylock(&VekStatsImpl::m_mutex);
+            if (rc == 0) pthread_mutex_unlock(&VekStatsImpl::m_mutex);
+            lockHeld.push_back(rc == EBUSY);
+        }
+        return RecordingCommandPipe::open(line);
+    }
+    // The ratio rule lines since the last clear().
+    std::vector<std::string> ratioRules() const {
+        std::vector<std::string> out;
+        for (const std::string& c : commands()) {
+            if (c.find("kwop_VEK") != std::string::npos) out.push_back(c);
+        }
+        return out;
+    }
+    std::vector<bool> lockHeld;
+};
+
+class RatiosTest : public StatsTest {
+  protected:
+    void SetUp() override {
+        StatsTest::SetUp();
+        IptablesManager::resetForTesting();
+        IptablesManager::instance();  // its skeleton commands are not of interest
+        pipe.clear();
+        pipe.lockHeld.clear();
+    }
+    void TearDown() override {
+        IptablesManager::resetForTesting();
+        StatsTest::TearDown();
+    }
+
+    VekStatsImpl* stats() { return VekStatsImpl::instance(); }
+    // A configured link with this turn's estimate and no statistics file.
+    linkStatsWrapper_t* link(const std::string& name, bool metered, unsigned lre) {
+        if (params->m_interfaceMap.count(name) == 0) configure(name, metered);
+        linkStatsWrapper_t*& record = stats()->m_linkStatsMap[name];
+        if (record == nullptr) {
+            record = new linkStatsWrapper_t();
+            snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", name.c_str());
+        }
+        record->lre = lre;
+        return record;
+    }
+    float ratio(const std::string& name) { return stats()->m_linkStatsMap.at(name)->interfaceRatio; }
+    void set(OperId id, int value) { params->m_operParams[id] = value; }
+
+    LockProbePipe pipe;
+};
+
+TEST_F(RatiosTest, WithMeteredTheMeteredLinksFillUpToTheThreshold) {
+    set(OPER_WIFI_THRESHOLD, 4000);
+    link("wlan0", false, 3000);
+    link("rmnet0", true, 1000);
+    EXPECT_TRUE(stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 1000, 3000, 3000));
+    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.75f);
+    EXPECT_FLOAT_EQ(ratio("rmnet0"), 0.25f);
+}
+
+TEST_F(RatiosTest, UnmeteredOnlyLeavesMeteredLinksOutAndHandsNothingOut) {
+    set(OPER_WIFI_THRESHOLD, 2000);
+    link("wlan0", false, 3000);
+    link("rmnet0", true, 1000);
+    EXPECT_TRUE(stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 1000, 3000, 3000));
+    EXPECT_FLOAT_EQ(ratio("wlan0"), 1.0f);
+    EXPECT_FLOAT_EQ(ratio("rmnet0"), 0.0f);
+}
+
+TEST_F(RatiosTest, DominantUnmeteredLinkGetsTheFixedShareOnlyAboveTheResetThreshold) {
+    params->m_vekMaxUsageOnInterface = 70;
+    link("wlan0", false, 900);
+    link("wlan1", false, 100);
+    link("ghost", false, 0);
+    params->m_interfaceMap.erase("ghost");  // measured but not configured
+    stats()->m_linkStatsMap["ghost"]->interfaceRatio = 0.42f;
+
+    params->m_thresholdToStartReset = 80;
+    stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 0, 1000, 900);
+    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.7f);
+    EXPECT_FLOAT_EQ(ratio("wlan1"), 0.3f);
+    EXPECT_FLOAT_EQ(ratio("ghost"), 0.42f);
+
+    // Dominance 0.9 is not above 90 %: shares in proportion to the rates.
+    params->m_thresholdToStartReset = 90;
+    stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 0, 1000, 900);
+    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.9f);
+    EXPECT_FLOAT_EQ(ratio("wlan1"), 0.1f);
+}
+
+TEST_F(RatiosTest, RemainderGoesInEqualPartsToLinksWithoutEstimate) {
+    set(OPER_WIFI_THRESHOLD, 1000);
+    link("wlan0", false, 0);
+    link("wlan1", false, 500);
+    stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 0, 500, 500);
+    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.5f);
+    EXPECT_FLOAT_EQ(ratio("wlan1"), 0.5f);
+
+    link("wlan1", false, 400);
+    link("rmnet0", true, 0);
+    stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 0, 400, 400);
+    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.3f);
+    EXPECT_FLOAT_EQ(ratio("wlan1"), 0.4f);
+    EXPECT_FLOAT_EQ(ratio("rmnet0"), 0.3f);
+}
+
+TEST_F(RatiosTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
+    params->m_minRatioChange = 25;  // 0.25 and every share below are exact in binary
+    auto turn = [&](unsigned a, unsigned b) {
+        link("a", false, a);
+        link("b", false, b);
+        return stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 0, float(a + b), float(a > b ? a : b));
+    };
+    EXPECT_TRUE(turn(1, 3));   // 0.25 / 0.75 from 0 / 0: half of 1.0
+    EXPECT_FALSE(turn(1, 1));  // 0.5 / 0.5: half of 0.5 is exactly the minimum
+    EXPECT_FALSE(turn(5, 3));  // 0.625 / 0.375: measured against 0.5 / 0.5, not installed
+    EXPECT_TRUE(turn(1, 3));   // back to 0.25 / 0.75: half of 0.75
+    EXPECT_TRUE(log.contains("VEK_RATIO a, 1, 0.250000"));
+}
+
+TEST_F(RatiosTest, UnknownModeKeepsSharesAndHandsOutOnlyOnTheEstimate) {
+    EXPECT_FALSE(stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 0, 0, 0));  // empty map
+    link("wlan0", false, 700)->interfaceRatio = 0.6f;
+    link("wlan1", false, 0);
+    link("wlan2", false, 300);
+    // Every r is 0: the whole remainder goes to the one link without an
+    // estimate, not to a link whose share merely is 0.
+    EXPECT_TRUE(stats()->calcVekRatios(static_cast<VEK_ratio_calc_process>(7), 0, 1000, 700));
+    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.6f);
+    EXPECT_FLOAT_EQ(ratio("wlan1"), 1.0f / 3);
+    EXPECT_FLOAT_EQ(ratio("wlan2"), 0.0f);
+    EXPECT_EQ(log.count("calcVekRatios unexpected behavior in calc ratio"), 3u);
+}
+
+// Evaluation turns over statistics files mapped from disk.
+class EvalTurnTest : public RatiosTest {
+  protected:
+    // Configures `name` and publishes `count` samples of `bytes` every 8 ms.
+    void publish(const std::string& name, bool metered, uint32_t bytes, uint32_t count = 20) {
+        if (params->m_interfaceMap.count(name) == 0) configure(name, metered);
+        std::string error;
+        auto& file = files[name];
+        if (!file) file = stats::StatsFile::open(statsPath(name), &error);
+        ASSERT_TRUE(file) << error;
+        file->clear();
+        fillSteady(*file, count, 8, bytes);
+    }
+    std::map<std::string, std::unique_ptr<stats::StatsFile>> files;
+};
+
+TEST_F(EvalTurnTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
+    publish("wlan0", false, 1024);   // 1000 kbit/s, below wifi_threshold 1600
+    publish("rmnet0", true, 2048);   // 2000 kbit/s
+    ASSERT_TRUE(stats()->initMmap());
+
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(pipe.ratioRules(),
+              (std::vector<std::string>{kFlush, std::string(kRule) + "0.625000 -j kwop_fw_wlan0",
+                                        std::string(kRule) + "1.000000 -j kwop_fw_rmnet0"}));
+    EXPECT_EQ(pipe.lockHeld, std::vector<bool>(3, true));
+
+    pipe.clear();
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_TRUE(pipe.ratioRules().empty());
+
+    // Wi-Fi now above the threshold: it alone carries new connections.
+    publish("wlan0", false, 2048);
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(pipe.ratioRules(),
+              (std::vector<std::string>{kFlush, std::string(kRule) + "1.000000 -j kwop_fw_wlan0",
+                                        std::string(kRule) + "0.000000 -j kwop_fw_rmnet0"}));
+}
+
+TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
+    params->m_bestEstCacheSize = 3;
+    publish("wlan0", false, 1024);
+    publish("wlan1", false, 1024, 4);   // 3 samples counted, fewer than estimate_pack_num 5
+    publish("rmnet0", true, 400);       // about 390 kbit/s, below wan_threshold 500
+    ASSERT_TRUE(stats()->initMmap());
+    auto& records = stats()->m_linkStatsMap;
+
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(records["wlan0"]->lre, 1000u);
+    EXPECT_EQ(records["wlan0"]->pktCnt, 19u);
+    EXPECT_EQ(records["wlan1"]->lre, 0u);
+    EXPECT_EQ(records["wlan1"]->pktCnt, 3u);
+    EXPECT_EQ(records["rmnet0"]->lre, 0u);
+
+    // Past mini_stale_interval nothing is fresh: the history stands in.
+    clock.setNowMs(kNowMs + 2000);
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(records["wlan0"]->lre, 1000u);
+    EXPECT_EQ(records["wlan0"]->pktCnt, 0u);
+}
+
+}  // namespace
+}  // namespace vekd::test
