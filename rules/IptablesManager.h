@@ -19,8 +19,12 @@ extern pthread_mutex_t gIptablesMutex;
 class IptablesManager {
   public:
     static IptablesManager* instance();
-    // Destroys the singleton (tearing the skeleton down) if it exists.
+    // Destroys the singleton (tearing the skeleton down) if it exists; the
+    // next instance() builds a new one.
     static void clean_NUV_iptables();
+    // Tests only: forgets the singleton without running any command and
+    // leaves the rule lock unlocked, even after a DNS update that kept it.
+    static void resetForTesting();
 
     // Mark chains, policy-routing and masquerade rules per interface.
     int setup_NUV_iptables_FWMARK_chains();

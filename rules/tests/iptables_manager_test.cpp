@@ -1,0 +1,425 @@
+// Every rule operation as the exact, ordered list of command lines it hands
+// to the runner, plus its log lines.
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <pthread.h>
+
+#include <cerrno>
+
+#include "rules/tests/RulesTestBase.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using vekd::test::Bytes;
+using vekd::test::FakeNetlink;
+using vekd::test::RecordingCommandPipe;
+
+const std::string IPT = "/system/bin/iptables-wrapper-1.0 -w ";
+const std::string IP = "/system/bin/ip-wrapper-1.0 ";
+const std::string UDP_HOOK =
+    "-p udp -m udp -m multiport ! --ports 32000:36999,40100:40150,50010:50060,4500,5060,500 "
+    "-j kwop_nat_POSTROUTING_NUV";
+
+Lines skeleton() {
+    return {IPT + "-t mangle -N kwop_NUV",
+            IPT + "-t mangle -F kwop_NUV",
+            IPT + "-t mangle -N kwop_NUV2",
+            IPT + "-t mangle -F kwop_NUV2",
+            IPT + "-t mangle -N kwop_DNS",
+            IPT + "-t mangle -F kwop_DNS",
+            IPT + "-t mangle -N kwop_VEK",
+            IPT + "-t mangle -F kwop_VEK",
+            IPT + "-t mangle -A kwop_NUV2 -j kwop_DNS",
+            IPT + "-t mangle -A kwop_NUV2 -j kwop_VEK",
+            IPT + "-t nat -N kwop_NUV_nat",
+            IPT + "-t nat -F kwop_NUV_nat",
+            IPT + "-t nat -N kwop_DNS_nat",
+            IPT + "-t nat -F kwop_DNS_nat",
+            IPT + "-t mangle -I kwop_NUV2 1 -m state --state ESTABLISHED,RELATED -j CONNMARK --restore-mark",
+            IPT + "-t mangle -I kwop_NUV 2 -j kwop_VEK",
+            IPT + "-t mangle -D OUTPUT -j kwop_NUV",
+            IPT + "-t mangle -A OUTPUT -j kwop_NUV",
+            IPT + "-t nat -D OUTPUT -j kwop_NUV_nat",
+            IPT + "-t nat -A OUTPUT -j kwop_NUV_nat",
+            IPT + "-t nat -F kwop_nat_POSTROUTING_NUV",
+            IPT + "-t nat -N kwop_nat_POSTROUTING_NUV",
+            IPT + "-t nat -D POSTROUTING " + UDP_HOOK,
+            IPT + "-t nat -D POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV",
+            IPT + "-t nat -A POSTROUTING " + UDP_HOOK,
+            IPT + "-t nat -A POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV"};
+}
+
+Lines createChain(const std::string& iface, const std::string& fwmark, const std::string& table) {
+    const std::string chain = "kwop_fw_" + iface;
+    return {IPT + "-t mangle -N " + chain,
+            IPT + "-t mangle -F " + chain,
+            IPT + "-t mangle -A " + chain + " -j MARK --set-mark " + fwmark,
+            IPT + "-t mangle -A " + chain + " -j CONNMARK --save-mark",
+            IPT + "-t mangle -A " + chain + " -j ACCEPT",
+            IP + "-4 rule add fwmark " + fwmark + " table " + table + " prio 25000",
+            IPT + "-t nat -I kwop_nat_POSTROUTING_NUV -o " + iface + " -j MASQUERADE"};
+}
+
+Lines removeChain(const std::string& iface, const std::string& fwmark) {
+    const std::string chain = "kwop_fw_" + iface;
+    return {IPT + "-t mangle -F " + chain, IPT + "-t mangle -X " + chain,
+            IP + "-4 rule del fwmark " + fwmark + " prio 25000",
+            IPT + "-t nat -F kwop_nat_POSTROUTING_NUV", IPT + "-t nat -X kwop_nat_POSTROUTING_NUV"};
+}
+
+std::string ratioRule(const std::string& probability, const std::string& iface) {
+    return IPT + "-t mangle -A kwop_VEK --match multiport -p tcp --dports 80,443 -m state --state NEW "
+                 "-m statistic --mode random --probability " +
+           probability + " -j kwop_fw_" + iface;
+}
+
+Lines operator+(Lines a, const Lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+class Rules : public RulesTestBase {
+  protected:
+    // The manager with its constructor's commands already recorded and cleared.
+    IptablesManager* manager() {
+        IptablesManager* m = IptablesManager::instance();
+        pipe.clear();
+        log.clear();
+        return m;
+    }
+    Lines logOf() const { return log.linesOf("NUVIptables"); }
+
+    FakeNetlink netlink;
+    RecordingCommandPipe pipe;
+};
+
+// --- skeleton ---
+
+TEST_F(Rules, ConstructorBuildsTheSkeletonOnceAndReportsNothing) {
+    IptablesManager* m = IptablesManager::instance();
+    EXPECT_EQ(IptablesManager::instance(), m);
+    EXPECT_EQ(pipe.commands(), skeleton());
+    EXPECT_TRUE(logOf().empty());
+}
+
+TEST_F(Rules, TeardownRemovesTheSkeletonAndEveryMarkChainThenANewManagerRebuilds) {
+    addInterface("wlan0", false, "wlan0", "0x64");
+    addInterface("rmnet0", true, "rmnet0", "0x65");
+    manager();
+    gDebugLogEnabled = 1;
+    IptablesManager::clean_NUV_iptables();
+    EXPECT_EQ(pipe.commands(), (Lines{IPT + "-t mangle -D OUTPUT -j kwop_NUV",
+                                      IPT + "-t nat -D POSTROUTING " + UDP_HOOK,
+                                      IPT + "-t nat -D POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV",
+                                      IPT + "-t nat -F kwop_nat_POSTROUTING_NUV",
+                                      IPT + "-t nat -X kwop_nat_POSTROUTING_NUV",
+                                      IPT + "-t mangle -F kwop_NUV",
+                                      IPT + "-t mangle -X kwop_NUV",
+                                      IPT + "-t mangle -F kwop_NUV2",
+                                      IPT + "-t mangle -X kwop_NUV2",
+                                      IPT + "-t mangle -F kwop_DNS",
+                                      IPT + "-t mangle -X kwop_DNS",
+                                      IPT + "-t mangle -F kwop_VEK",
+                                      IPT + "-t mangle -X kwop_VEK"} +
+                                   removeChain("rmnet0", "0x65") + removeChain("wlan0", "0x64")));
+    EXPECT_EQ(logOf().front(), "D ~IptablesManager IptablesManager Distructor called ");
+
+    // Nothing left to destroy; the next instance() starts over.
+    pipe.clear();
+    IptablesManager::clean_NUV_iptables();
+    EXPECT_TRUE(pipe.commands().empty());
+    IptablesManager::instance();
+    EXPECT_EQ(pipe.commands(), skeleton());
+}
+
+// --- mark chains ---
+
+TEST_F(Rules, MarkChainOfOneInterface) {
+    InterfaceInfo_t* info = addInterface("wlan0", false, "wlan0", "0x64");
+    IptablesManager* m = manager();
+    EXPECT_EQ(m->create_NUV_FWMARK_chain_for_iface(info), 0);
+    EXPECT_EQ(pipe.commands(), createChain("wlan0", "0x64", "wlan0"));
+    pipe.clear();
+    EXPECT_EQ(m->remove_NUV_FWMARK_chain_for_iface(info), 0);
+    EXPECT_EQ(pipe.commands(), removeChain("wlan0", "0x64"));
+    EXPECT_TRUE(logOf().empty());
+}
+
+TEST_F(Rules, NullRecordRunsNothing) {
+    IptablesManager* m = manager();
+    EXPECT_EQ(m->create_NUV_FWMARK_chain_for_iface(nullptr), -1);
+    EXPECT_EQ(m->remove_NUV_FWMARK_chain_for_iface(nullptr), -1);
+    EXPECT_TRUE(pipe.commands().empty());
+    EXPECT_EQ(logOf(), (Lines{"E create_NUV_FWMARK_chain_for_iface, Creating FWMARK Chain for a NULL iface",
+                              "E remove_NUV_FWMARK_chain_for_iface, Remove FWMARK Chain for a NULL iface"}));
+}
+
+TEST_F(Rules, LongInterfaceNameGivesAChainNameCutTo127Characters) {
+    const std::string name(120, 'x');
+    InterfaceInfo_t* info = addInterface(name, false, "7", "0x1");
+    IptablesManager* m = manager();
+    EXPECT_EQ(m->create_NUV_FWMARK_chain_for_iface(info), 0);
+    const std::string chain = "kwop_fw_" + std::string(119, 'x');
+    auto commands = pipe.commands();
+    ASSERT_EQ(commands.size(), 7u);
+    EXPECT_EQ(commands[0], IPT + "-t mangle -N " + chain);
+    EXPECT_EQ(commands[4], IPT + "-t mangle -A " + chain + " -j ACCEPT");
+    // The masquerade rule names the interface itself, uncut.
+    EXPECT_EQ(commands[6], IPT + "-t nat -I kwop_nat_POSTROUTING_NUV -o " + name + " -j MASQUERADE");
+}
+
+TEST_F(Rules, SetupAndCleanupWalkEveryInterfaceInNameOrderDespiteAFailure) {
+    addInterface("wlan0", false, "wlan0", "0x64");
+    addInterface("rmnet_data0", true, "rmnet_data0", "0x65");
+    IptablesManager* m = manager();
+    // One command of rmnet_data0 cannot start; wlan0 is still set up.
+    pipe.failWhenContains("rule add fwmark 0x65");
+    EXPECT_EQ(m->setup_NUV_iptables_FWMARK_chains(), -1);
+    EXPECT_EQ(pipe.commands(),
+              createChain("rmnet_data0", "0x65", "rmnet_data0") + createChain("wlan0", "0x64", "wlan0"));
+    EXPECT_EQ(logOf(),
+              (Lines{"E SEND VEK NDC COMMAND - FAIL  " + IP +
+                         "-4 rule add fwmark 0x65 table rmnet_data0 prio 25000 \n",
+                     "E create_NUV_FWMARK_chain_for_iface Failue when creating FWMARK tables for interface rmnet_data0 ",
+                     "E setup_NUV_iptables_FWMARK_chains Creating FWMARK for interface rmnet_data0 failed",
+                     "E setup_NUV_iptables_FWMARK_chains Failure when creating FWMARK tables for all interfaces "}));
+
+    pipe.clear();
+    log.clear();
+    pipe.failWhenContains("-X kwop_fw_wlan0");
+    EXPECT_EQ(m->cleanup_NUV_iptables_FWMARK_chains(), -1);
+    EXPECT_EQ(pipe.commands(), removeChain("rmnet_data0", "0x65") + removeChain("wlan0", "0x64"));
+    Lines lines = logOf();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[1], "E remove_NUV_FWMARK_chain_for_iface Failure when creating FWMARK tables for interface wlan0 ");
+    EXPECT_EQ(lines[2], "E cleanup_NUV_iptables_FWMARK_chains Cleanup FWMARK for interface wlan0 failed");
+    EXPECT_EQ(lines[3], "E cleanup_NUV_iptables_FWMARK_chains Failure when cleaning FWMARK tables for all interfaces ");
+}
+
+TEST_F(Rules, SetupOverAnEmptyMapOrANullRecord) {
+    IptablesManager* m = manager();
+    EXPECT_EQ(m->setup_NUV_iptables_FWMARK_chains(), 0);
+    EXPECT_EQ(m->cleanup_NUV_iptables_FWMARK_chains(), 0);
+    EXPECT_TRUE(pipe.commands().empty());
+
+    // A null record counts as a failure without a per-record line.
+    params->m_interfaceMap["ghost"] = nullptr;
+    EXPECT_EQ(m->setup_NUV_iptables_FWMARK_chains(), -1);
+    EXPECT_EQ(logOf(), (Lines{"E create_NUV_FWMARK_chain_for_iface, Creating FWMARK Chain for a NULL iface",
+                              "E setup_NUV_iptables_FWMARK_chains Failure when creating FWMARK tables for all interfaces "}));
+    params->m_interfaceMap.erase("ghost");
+}
+
+// --- ratio rules ---
+
+class RatioRules : public Rules {
+  protected:
+    ~RatioRules() override {
+        for (auto& e : stats) delete e.second;
+    }
+    void ratio(const std::string& name, float r) {
+        auto* w = new linkStatsWrapper_t();
+        snprintf(w->interfaceName, sizeof(w->interfaceName), "%s", name.c_str());
+        w->interfaceRatio = r;
+        delete stats[name];
+        stats[name] = w;
+    }
+    int apply() { return manager()->set_VEK_ratio_iptables(stats); }
+    const std::string flush = IPT + "-t mangle -F kwop_VEK";
+    std::map<std::string, linkStatsWrapper_t*> stats;
+};
+
+TEST_F(RatioRules, UnmeteredFirstThenMeteredEachTakingItsShareOfTheRest) {
+    // "rmnet0" sorts first but is metered, so its rule comes last.
+    addInterface("wlan0", false, "1", "0x1");
+    addInterface("rmnet0", true, "2", "0x2");
+    ratio("wlan0", 0.7f);
+    ratio("rmnet0", 0.3f);
+    gDebugLogEnabled = 1;
+    EXPECT_EQ(apply(), 0);
+    EXPECT_EQ(pipe.commands(), (Lines{flush, ratioRule("0.700000", "wlan0"), ratioRule("1.000000", "rmnet0")}));
+    Lines lines;
+    for (const std::string& l : logOf()) {
+        if (l.find("COMMAND") == std::string::npos) lines.push_back(l);
+    }
+    EXPECT_EQ(lines, (Lines{"E handle->interfaceRatio: 0.700000 handle->interfaceName: wlan0",
+                            "E Updated Ratio: 0.700000",
+                            "E handle->interfaceRatio: 0.300000 handle->interfaceName: rmnet0",
+                            "E Updated Ratio: 1.000000"}));
+}
+
+TEST_F(RatioRules, CascadeEdgeCases) {
+    struct Case {
+        const char* what;
+        std::vector<std::tuple<std::string, bool, float>> links;  // name, metered, ratio
+        Lines rules;
+    };
+    const std::vector<Case> cases = {
+        {"only metered links start from a zero sum",
+         {{"a", true, 0.25f}, {"b", true, 0.75f}},
+         {ratioRule("0.250000", "a"), ratioRule("1.000000", "b")}},
+        {"equal halves",
+         {{"a", false, 0.5f}, {"b", false, 0.5f}},
+         {ratioRule("0.500000", "a"), ratioRule("1.000000", "b")}},
+        {"a zero ratio still gets a rule",
+         {{"a", false, 0.0f}, {"b", false, 1.0f}, {"c", true, 0.0f}},
+         {ratioRule("0.000000", "a"), ratioRule("1.000000", "b"), ratioRule("0.000000", "c")}},
+        {"a sum over 1 is not clamped",
+         {{"a", false, 0.8f}, {"b", false, 0.8f}, {"c", false, 0.1f}},
+         {ratioRule("0.800000", "a"), ratioRule("4.000000", "b"), ratioRule("0.000000", "c")}},
+        {"three links, the metered one sorting in between",
+         {{"a", false, 0.2f}, {"b", true, 0.3f}, {"c", false, 0.5f}},
+         {ratioRule("0.200000", "a"), ratioRule("0.625000", "c"), ratioRule("1.000000", "b")}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        TearDown();
+        SetUp();
+        for (auto& e : stats) delete e.second;
+        stats.clear();
+        for (const auto& [name, metered, r] : c.links) {
+            addInterface(name, metered, "1", "0x1");
+            ratio(name, r);
+        }
+        EXPECT_EQ(apply(), 0);
+        EXPECT_EQ(pipe.commands(), Lines{flush} + c.rules);
+    }
+}
+
+TEST_F(RatioRules, UnknownAndNullEntriesAreSkippedWithoutTouchingTheStore) {
+    addInterface("wlan0", false, "1", "0x1");
+    ratio("wlan0", 0.6f);
+    ratio("ghost0", 0.4f);
+    stats["null0"] = nullptr;
+    EXPECT_EQ(apply(), 0);
+    EXPECT_EQ(pipe.commands(), (Lines{flush, ratioRule("0.600000", "wlan0")}));
+    EXPECT_EQ(params->m_interfaceMap.count("ghost0"), 0u);
+    EXPECT_EQ(params->m_interfaceMap.size(), 1u);
+    EXPECT_EQ(logOf(), (Lines{"E set_VEK_ratio_iptables interface ghost0 is not configured, no rule for it"}));
+}
+
+TEST_F(RatioRules, EmptyInputOnlyFlushesAndUnstartableCommandsFailAfterTrying) {
+    EXPECT_EQ(apply(), 0);
+    EXPECT_EQ(pipe.commands(), (Lines{flush}));
+
+    addInterface("wlan0", false, "1", "0x1");
+    addInterface("rmnet0", true, "2", "0x2");
+    ratio("wlan0", 0.5f);
+    ratio("rmnet0", 0.5f);
+    pipe.failWhenContains("-F kwop_VEK");
+    EXPECT_EQ(apply(), -1);
+    EXPECT_EQ(pipe.commands(), (Lines{flush, ratioRule("0.500000", "wlan0"), ratioRule("1.000000", "rmnet0")}));
+    EXPECT_EQ(logOf().back(), "E set_VEK_ratio_iptables Failure when setting VEK Ratios ");
+}
+
+// --- per-UID and DNS rules ---
+
+class UidRules : public Rules {
+  protected:
+    void SetUp() override {
+        Rules::SetUp();
+        // Each dump request (the socket destroyer's first step) notes whether
+        // the rule lock was held at that moment.
+        netlink.setResponder([this](int, const Bytes& request) {
+            nlmsghdr nlh{};
+            memcpy(&nlh, request.data(), sizeof(nlh));
+            if (nlh.nlmsg_type == SOCK_DIAG_BY_FAMILY) {
+                const bool unlocked = pthread_mutex_trylock(&gIptablesMutex) == 0;
+                if (unlocked) pthread_mutex_unlock(&gIptablesMutex);
+                lockHeldDuringDumps.push_back(!unlocked);
+            }
+            return std::vector<Bytes>{FakeNetlink::done()};
+        });
+    }
+    std::vector<bool> lockHeldDuringDumps;
+};
+
+TEST_F(UidRules, SetupEmptiesTheMangleChainAndAddsBothRulesPerUid) {
+    gDebugLogEnabled = 1;
+    manager()->setup_NUV_UID_iptables_chains({{"10123", NUV_MODE_VEK}, {"10050", NUV_MODE_GAMING}});
+    EXPECT_EQ(pipe.commands(),
+              (Lines{IPT + "-t mangle -F kwop_NUV ",
+                     IPT + "-t mangle -A kwop_NUV -m owner --uid-owner 10050 -j kwop_NUV2",
+                     IPT + "-t nat -A kwop_NUV_nat -m owner --uid-owner 10050 -j kwop_DNS_nat",
+                     IPT + "-t mangle -A kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
+                     IPT + "-t nat -A kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat"}));
+    EXPECT_TRUE(log.contains("The UID Vec entry for UID 10050 has mode 0"));
+    EXPECT_TRUE(log.contains("The UID Vec entry for UID 10123 has mode 1"));
+    EXPECT_TRUE(netlink.sent().empty());
+
+    pipe.clear();
+    manager()->setup_NUV_UID_iptables_chains({});
+    EXPECT_EQ(pipe.commands(), (Lines{IPT + "-t mangle -F kwop_NUV "}));
+}
+
+TEST_F(UidRules, UpdateRewritesBothRulesThenDestroysTheSocketsUnderTheLock) {
+    manager()->update_NUV_iptables_for_UID("10123", NUV_MODE_GAMING, static_cast<NuvMode>(7));
+    EXPECT_EQ(pipe.commands(),
+              (Lines{IPT + "-t mangle -D kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
+                     IPT + "-t mangle -A kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
+                     IPT + "-t nat -D kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat",
+                     IPT + "-t nat -A kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat"}));
+    EXPECT_EQ(log.lines(), (Lines{"I NUVIptables: old_mode=0, new_mode=7",
+                                  "E VEKD_SockDiag:  VEK_GAMING destroying TCP sockets: 10123",
+                                  "E VEKD_SockDiag:  VEK_GAMING destroying UDP sockets: 10123"}));
+    EXPECT_EQ(lockHeldDuringDumps, std::vector<bool>(4, true));
+    // Released afterwards.
+    ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);
+    pthread_mutex_unlock(&gIptablesMutex);
+}
+
+TEST_F(UidRules, RemoveDeletesBothRulesAndDestroysTheSockets) {
+    gDebugLogEnabled = 1;
+    manager()->remove_NUV_iptables_for_UID("10123", NUV_MODE_VEK);
+    EXPECT_EQ(pipe.commands(),
+              (Lines{IPT + "-t mangle -D kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
+                     IPT + "-t nat -D kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat"}));
+    Lines lines = logOf();
+    EXPECT_EQ(Lines(lines.end() - 2, lines.end()),
+              (Lines{"I old_mode=1", "I NUV destroying sockets = 10123"}));
+    EXPECT_EQ(lockHeldDuringDumps, std::vector<bool>(4, true));
+}
+
+TEST_F(UidRules, OversizedUidRunsNoCommandButStillReturns) {
+    manager()->update_NUV_iptables_for_UID(std::string(600, '1'), NUV_MODE_GAMING, NUV_MODE_VEK);
+    EXPECT_TRUE(pipe.commands().empty());
+    EXPECT_EQ(log.count("does not fit in 512, not run"), 4u);
+    // Not a UID the destroyer accepts either: nothing is destroyed.
+    EXPECT_TRUE(netlink.sent().empty());
+    ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);
+    pthread_mutex_unlock(&gIptablesMutex);
+}
+
+TEST_F(UidRules, DnsUpdateRedirectsOnlyWhenTheServerChanged) {
+    char iface[] = "wlan0", oldDns[] = "192.168.1.1", newDns[] = "10.0.0.53";
+    IptablesManager* m = manager();
+    EXPECT_EQ(m->update_NUV_iptables_for_DNS(iface, oldDns, newDns), 0);
+    EXPECT_EQ(pipe.commands(),
+              (Lines{IPT + "-t mangle -F kwop_DNS",
+                     IPT + "-t mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_wlan0",
+                     IPT + "-t nat -F kwop_DNS_nat",
+                     IPT + "-t nat -A kwop_DNS_nat -p udp --dport 53 -d 192.168.1.1 -j DNAT --to-destination 10.0.0.53"}));
+    EXPECT_EQ(logOf(), (Lines{"D Update DNS route to wlan0 (10.0.0.53)"}));
+
+    pipe.clear();
+    char same[] = "10.0.0.53";
+    EXPECT_EQ(m->update_NUV_iptables_for_DNS(iface, newDns, same), 0);
+    EXPECT_EQ(pipe.commands(),
+              (Lines{IPT + "-t mangle -F kwop_DNS",
+                     IPT + "-t mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_wlan0"}));
+}
+
+TEST_F(UidRules, DnsUpdateForANullInterfaceKeepsTheLockUntilReset) {
+    char dns[] = "10.0.0.53";
+    EXPECT_EQ(manager()->update_NUV_iptables_for_DNS(nullptr, dns, dns), -1);
+    EXPECT_TRUE(pipe.commands().empty());
+    EXPECT_TRUE(logOf().empty());
+    EXPECT_EQ(pthread_mutex_trylock(&gIptablesMutex), EBUSY);
+
+    IptablesManager::resetForTesting();
+    ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);
+    pthread_mutex_unlock(&gIptablesMutex);
+}
+
+}  // namespace
