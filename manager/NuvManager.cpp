@@ -1,0 +1,237 @@
+#include "manager/NuvManager.h"
+
+#include <android/log.h>
+
+#include <cstring>
+#include <mutex>
+#include <shared_mutex>
+#include <sstream>
+
+#include "config/Parameters.h"
+#include "daemon/DebugFlag.h"
+#include "platform/ChangeWaiter.h"
+#include "rules/IptablesManager.h"
+#include "stats/VekStatsImpl.h"
+
+namespace {
+
+constexpr const char* kTag = "NuvManager";
+
+NuvManager* s_instance = nullptr;
+pthread_mutex_t s_instanceMutex;  // zero-filled; re-initialised as recursive by the constructor
+pthread_mutex_t s_ruleMutex;
+
+// Serialises the interface slots and their parsing between binder threads.
+std::mutex s_configMutex;
+// Cleanup takes it exclusively; the run-time operations share it, so that
+// none of them can still be using the rule manager or the statistics engine
+// while cleanup destroys them.
+std::shared_mutex s_lifeMutex;
+
+class RuleLock {
+  public:
+    RuleLock() { pthread_mutex_lock(&s_ruleMutex); }
+    ~RuleLock() { pthread_mutex_unlock(&s_ruleMutex); }
+    RuleLock(const RuleLock&) = delete;
+    RuleLock& operator=(const RuleLock&) = delete;
+};
+
+// The statistics engine's lock, when the engine exists: it guards the
+// engine's map and, through the main loop's evaluation, readers of the
+// store's interface map.
+class StatsLock {
+  public:
+    explicit StatsLock(VekStatsImpl* stats) : m_held(stats != nullptr) {
+        if (m_held) pthread_mutex_lock(&VekStatsImpl::m_mutex);
+    }
+    ~StatsLock() {
+        if (m_held) pthread_mutex_unlock(&VekStatsImpl::m_mutex);
+    }
+    StatsLock(const StatsLock&) = delete;
+    StatsLock& operator=(const StatsLock&) = delete;
+
+  private:
+    bool m_held;
+};
+
+std::string uidKey(int uid) {
+    std::ostringstream out;
+    out << uid;
+    return out.str();
+}
+
+}  // namespace
+
+NuvManager* NuvManager::instance() {
+    pthread_mutex_lock(&s_instanceMutex);
+    if (s_instance == nullptr) s_instance = new NuvManager();
+    pthread_mutex_unlock(&s_instanceMutex);
+    return s_instance;
+}
+
+void NuvManager::resetForTesting() {
+    delete s_instance;
+    s_instance = nullptr;
+}
+
+NuvManager::NuvManager() {
+    m_iptables = IptablesManager::instance();
+    if (m_params == nullptr) m_params = Parameters::instance();
+    __android_log_print(ANDROID_LOG_INFO, kTag,
+                        "Enter NuvManagerInit -> this function needs to be called only once");
+    // Re-initialised in place while instance() holds it; the unlock that
+    // follows acts on the recursive mutex.
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&s_instanceMutex, &attr);
+    pthread_mutex_init(&s_ruleMutex, nullptr);
+}
+
+void NuvManager::setInterfaceParamsNuv(int index, std::string params) {
+    if (m_params == nullptr) return;
+    if (index < 0 || index >= kMaxInterfaceSlots) return;  // the store has four slots
+    std::lock_guard<std::mutex> config(s_configMutex);
+    m_params->m_ifaceParams[index] = std::move(params);
+}
+
+void NuvManager::configInterfaceRelatedParams() {
+    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+    if (m_cleanedUp) return;
+    std::lock_guard<std::mutex> config(s_configMutex);
+
+    if (m_params != nullptr) {
+        {
+            // The main loop may be evaluating with an earlier configuration.
+            StatsLock stats(m_stats);
+            m_params->updateInterfaceParams();
+        }
+        RuleLock rules;
+        for (int i = 0; i < static_cast<int32_t>(m_params->m_gamingUidVec.size()); ++i) {
+            m_uidModes[m_params->m_gamingUidVec[i]] = NUV_MODE_GAMING;
+        }
+        for (int i = 0; i < static_cast<int32_t>(m_params->m_vekUidVec.size()); ++i) {
+            m_uidModes[m_params->m_vekUidVec[i]] = NUV_MODE_VEK;
+        }
+        for (const auto& entry : m_uidModes) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, " The UID Vec entry for UID %s has mode %d",
+                                entry.first.c_str(), static_cast<int>(entry.second));
+        }
+        m_iptables->setup_NUV_UID_iptables_chains(m_uidModes);
+    }
+
+    m_iptables->setup_NUV_iptables_FWMARK_chains();
+
+    if (m_stats == nullptr) {
+        m_stats = VekStatsImpl::instance();
+        m_stats->enableVEK(true);
+    }
+
+    if (m_params != nullptr) {
+        m_params->m_runState.store(kRunStateConfigured);
+        // The main loop sleeps until something changes: this is a change.
+        vekd::Seam<vekd::platform::ChangeWaiter>::get().wake();
+    }
+}
+
+int NuvManager::adjustParameters() {
+    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+    if (m_stats == nullptr || m_cleanedUp) return 0;
+    return m_stats->evalAndSetVEKInterfaceRatio();
+}
+
+void NuvManager::cleanup() {
+    std::unique_lock<std::shared_mutex> life(s_lifeMutex);
+    if (m_cleanedUp) return;
+    if (m_stats != nullptr) m_stats->enableVEK(false);
+    IptablesManager::clean_NUV_iptables();
+    VekStatsImpl::finalize();
+    m_stats = nullptr;
+    m_iptables = nullptr;
+    m_cleanedUp = true;
+}
+
+void NuvManager::setRuleForUid(int uid, int mode) {
+    const std::string key = uidKey(uid);
+    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+    if (m_cleanedUp) return;
+    RuleLock rules;
+    if (m_iptables == nullptr) m_iptables = IptablesManager::instance();
+    auto it = m_uidModes.find(key);
+    if (it == m_uidModes.end()) {
+        if (gDebugLogEnabled) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "did not find the element for %s ", key.c_str());
+        }
+        m_iptables->update_NUV_iptables_for_UID(key, NUV_MODE_VEK, static_cast<NuvMode>(mode));
+    } else {
+        if (gDebugLogEnabled) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "found the element for %s ", key.c_str());
+        }
+        m_iptables->update_NUV_iptables_for_UID(key, it->second, static_cast<NuvMode>(mode));
+    }
+    m_uidModes[key] = static_cast<NuvMode>(mode);
+}
+
+void NuvManager::removeRuleForUid(int uid, int mode) {
+    const std::string key = uidKey(uid);
+    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+    if (m_cleanedUp) return;
+    RuleLock rules;
+    if (m_iptables == nullptr) m_iptables = IptablesManager::instance();
+    auto it = m_uidModes.find(key);
+    if (it != m_uidModes.end()) {
+        if (gDebugLogEnabled) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "found the element for %s ", key.c_str());
+        }
+        m_iptables->remove_NUV_iptables_for_UID(key, it->second);
+    }
+    // Kept, not erased: a later update finds the UID with this mode as its old one.
+    m_uidModes[key] = static_cast<NuvMode>(mode);
+}
+
+void NuvManager::notifyWlanHasInternet(bool hasInternet) {
+    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+    if (m_cleanedUp) return;
+
+    char oldServer[16];
+    oldServer[0] = '\0';
+    InterfaceInfo_t* chosen = nullptr;
+    const char* newServer = nullptr;
+    {
+        RuleLock rules;
+        if (m_dnsServer != nullptr) {
+            strncpy(oldServer, m_dnsServer, sizeof(oldServer) - 1);
+            oldServer[sizeof(oldServer) - 1] = '\0';
+        }
+        if (m_params != nullptr && m_stats != nullptr) {
+            StatsLock stats(m_stats);
+            for (const auto& entry : m_stats->m_linkStatsMap) {
+                if (entry.second == nullptr) continue;
+                auto found = m_params->m_interfaceMap.find(entry.second->interfaceName);
+                if (found == m_params->m_interfaceMap.end() || found->second == nullptr) continue;
+                InterfaceInfo_t* info = found->second;
+                // 0x5A marks the WLAN; of the other links 0x5B is preferred,
+                // and the last 0x5C wins when there is no 0x5B.
+                const bool isWlan = strcmp(info->fwmark, "0x5A") == 0;
+                const bool isPreferredOther = strcmp(info->fwmark, "0x5B") == 0;
+                const bool isOther = strcmp(info->fwmark, "0x5C") == 0;
+                if (hasInternet ? isWlan : (isPreferredOther || isOther)) {
+                    m_dnsIface = info;
+                    m_dnsServer = info->dnsServer;
+                    if (hasInternet || isPreferredOther) break;
+                }
+            }
+        }
+        chosen = m_dnsIface;
+        newServer = m_dnsServer;
+    }
+
+    // Until an interface has been chosen there is nothing to point DNS at.
+    if (chosen == nullptr) return;
+    m_iptables->update_NUV_iptables_for_DNS(chosen->name, oldServer, const_cast<char*>(newServer));
+}
+
+std::map<std::string, NuvMode> NuvManager::uidModes() {
+    RuleLock rules;
+    return m_uidModes;
+}

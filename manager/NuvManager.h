@@ -1,0 +1,50 @@
+// Ties the parameter store, the statistics engine and the rule manager
+// together; driven by the binder service and the main loop.
+#pragma once
+
+#include <pthread.h>
+
+#include <map>
+#include <string>
+
+#include "config/InterfaceInfo.h"
+#include "config/NuvMode.h"
+
+class IptablesManager;
+class Parameters;
+class VekStatsImpl;
+
+class NuvManager {
+  public:
+    static NuvManager* instance();
+    // Forgets the singleton so the next instance() builds a fresh one. Tests only.
+    static void resetForTesting();
+
+    // Interface configuration and the periodic evaluation.
+    void setInterfaceParamsNuv(int index, std::string params);
+    void configInterfaceRelatedParams();
+    int adjustParameters();
+    void cleanup();
+
+    // Per-UID rules and the WLAN's internet state.
+    void setRuleForUid(int uid, int mode);
+    void removeRuleForUid(int uid, int mode);
+    void notifyWlanHasInternet(bool hasInternet);
+
+    // For tests: the recorded mode of every UID, and the DNS selection.
+    std::map<std::string, NuvMode> uidModes();
+    const InterfaceInfo_t* dnsInterface() const { return m_dnsIface; }
+
+  private:
+    NuvManager();
+    NuvManager(const NuvManager&) = delete;
+    NuvManager& operator=(const NuvManager&) = delete;
+
+    IptablesManager* m_iptables = nullptr;
+    VekStatsImpl* m_stats = nullptr;
+    Parameters* m_params = nullptr;
+    std::map<std::string, NuvMode> m_uidModes;
+    InterfaceInfo_t* m_dnsIface = nullptr;
+    const char* m_dnsServer = nullptr;
+    bool m_cleanedUp = false;
+};

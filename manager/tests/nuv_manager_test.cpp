@@ -1,0 +1,265 @@
+#include <gtest/gtest.h>
+
+#include "config/Parameters.h"
+#include "daemon/DebugFlag.h"
+#include "manager/NuvManager.h"
+#include "rules/IptablesManager.h"
+#include "stats/StatsFileAccess.h"
+#include "stats/VekStatsImpl.h"
+#include "tests/support/FakeNetlink.h"
+#include "tests/support/Fakes.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempRoot.h"
+
+namespace {
+
+using Commands = std::vector<std::string>;
+
+// The real file access, with every write to the control file recorded (a
+// plain file would keep only the last command, each written at offset 0).
+class RecordingControlFile : public vekd::stats::StatsFileAccess {
+  public:
+    RecordingControlFile() : m_scope(*this) {}
+    int open(const char* path, int flags, mode_t mode) override {
+        int fd = real().open(path, flags, mode);
+        if (fd >= 0 && std::string(path).find("/proc/vek/config") != std::string::npos) m_controlFd = fd;
+        return fd;
+    }
+    ssize_t write(int fd, const void* data, size_t size) override {
+        if (fd == m_controlFd) written.append(static_cast<const char*>(data), size);
+        return real().write(fd, data, size);
+    }
+    int close(int fd) override {
+        if (fd == m_controlFd) m_controlFd = -1;
+        return real().close(fd);
+    }
+    void* mmap(size_t length, int prot, int flags, int fd, off_t offset) override {
+        return real().mmap(length, prot, flags, fd, offset);
+    }
+    int munmap(void* addr, size_t length) override { return real().munmap(addr, length); }
+
+    std::string written;
+
+  private:
+    int m_controlFd = -1;
+    vekd::ScopedSeam<vekd::stats::StatsFileAccess> m_scope;
+};
+const std::string kIpt = "/system/bin/iptables-wrapper-1.0 -w -t ";
+
+class Manager : public testing::Test {
+  protected:
+    void SetUp() override {
+        resetSingletons();
+        root.writeFile("/proc/vek/config", "");  // a plain file records the control commands
+        root.writeFile(kVekdConfPath, "gaming_uid_list=9999,10010\nvek_uid_list=10010,10123\n");
+    }
+    void TearDown() override {
+        resetSingletons();
+        gDebugLogEnabled = 0;
+    }
+    static void resetSingletons() {
+        NuvManager::resetForTesting();
+        VekStatsImpl::resetForTesting();
+        IptablesManager::resetForTesting();
+        Parameters::resetForTesting();
+    }
+    NuvManager* configured(const std::vector<std::string>& ifaces) {
+        Parameters::instance();
+        NuvManager* m = NuvManager::instance();
+        for (size_t i = 0; i < ifaces.size(); ++i) m->setInterfaceParamsNuv(static_cast<int>(i), ifaces[i]);
+        Parameters::instance()->m_numInterfaces = static_cast<int>(ifaces.size());
+        m->configInterfaceRelatedParams();
+        pipe.clear();
+        log.clear();
+        return m;
+    }
+    std::string controlCommands() const { return control.written; }
+    Commands commandsWith(const std::string& fragment) const {
+        Commands out;
+        for (const std::string& c : pipe.commands()) {
+            if (c.find(fragment) != std::string::npos) out.push_back(c);
+        }
+        return out;
+    }
+
+    vekd::test::TempRoot root;
+    vekd::test::FakeProperties props;
+    vekd::test::RecordingCommandPipe pipe;
+    vekd::test::FakeProcessLauncher launcher;
+    vekd::test::FakeClock clock;
+    vekd::test::FakeChangeWaiter waiter;
+    vekd::test::FakeNetlink netlink;
+    RecordingControlFile control;
+    vekd::test::LogCapture log;
+};
+
+const std::string kWlan = "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1";
+const std::string kWwan = "rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1";
+
+TEST_F(Manager, CreatedOnceBuildingTheRuleSkeleton) {
+    Parameters::instance();
+    NuvManager* m = NuvManager::instance();
+    EXPECT_EQ(NuvManager::instance(), m);
+    EXPECT_EQ(log.count("Enter NuvManagerInit -> this function needs to be called only once"), 1u);
+    Commands commands = pipe.commands();
+    ASSERT_EQ(commands.size(), 26u);
+    EXPECT_EQ(commands.front(), kIpt + "mangle -N kwop_NUV");
+    EXPECT_EQ(commands.back(), kIpt + "nat -A POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV");
+}
+
+TEST_F(Manager, ReadyNotificationConfiguresUidsThenMarksThenStatisticsThenRunState) {
+    Parameters* params = Parameters::instance();
+    NuvManager* m = NuvManager::instance();
+    m->setInterfaceParamsNuv(0, kWlan);
+    m->setInterfaceParamsNuv(1, kWwan);
+    pipe.clear();
+    log.clear();
+    m->configInterfaceRelatedParams();
+
+    // UIDs in byte order of their text; 10010 is in both lists and ends with mode 1.
+    EXPECT_EQ(log.linesOf("NuvManager"),
+              (Commands{"E  The UID Vec entry for UID 10010 has mode 1",
+                        "E  The UID Vec entry for UID 10123 has mode 1",
+                        "E  The UID Vec entry for UID 9999 has mode 0"}));
+    Commands commands = pipe.commands();
+    ASSERT_GE(commands.size(), 7u);
+    EXPECT_EQ(commands[0], kIpt + "mangle -F kwop_NUV ");
+    EXPECT_EQ(commands[1], kIpt + "mangle -A kwop_NUV -m owner --uid-owner 10010 -j kwop_NUV2");
+    EXPECT_EQ(commands[6], kIpt + "nat -A kwop_NUV_nat -m owner --uid-owner 9999 -j kwop_DNS_nat");
+    EXPECT_EQ(commands[7], kIpt + "mangle -N kwop_fw_rmnet_data0");
+    EXPECT_EQ(commandsWith("prio 25000"),
+              (Commands{"/system/bin/ip-wrapper-1.0 -4 rule add fwmark 0x5B table rmnet_data0 prio 25000",
+                        "/system/bin/ip-wrapper-1.0 -4 rule add fwmark 0x5A table wlan0 prio 25000"}));
+    EXPECT_EQ(controlCommands(),
+              std::string("protocols=http,https\0ports=80,443\0iface=rmnet_data0\0iface=wlan0\0enable=1\0", 73));
+    EXPECT_EQ(params->m_runState.load(), kRunStateConfigured);
+    EXPECT_EQ(waiter.wakes(), 1);
+
+    // Again: rules set up again, statistics not enabled twice.
+    pipe.clear();
+    m->configInterfaceRelatedParams();
+    EXPECT_EQ(pipe.commands(), commands);
+    EXPECT_EQ(controlCommands().size(), 73u);
+    EXPECT_EQ(m->uidModes(), (std::map<std::string, NuvMode>{
+                                 {"10010", NUV_MODE_VEK}, {"10123", NUV_MODE_VEK}, {"9999", NUV_MODE_GAMING}}));
+}
+
+TEST_F(Manager, InterfaceSlotsOutsideTheFourAreIgnored) {
+    Parameters* params = Parameters::instance();
+    NuvManager* m = NuvManager::instance();
+    m->setInterfaceParamsNuv(3, "last");
+    m->setInterfaceParamsNuv(4, "beyond");
+    m->setInterfaceParamsNuv(-1, "before");
+    EXPECT_EQ(params->m_ifaceParams[3], "last");
+    EXPECT_EQ(params->m_ifaceParams[0], "");
+}
+
+TEST_F(Manager, UidUpdatesRecordModesAndTreatUnknownUidsAsModeOne) {
+    NuvManager* m = configured({kWlan});
+    m->setRuleForUid(20000, 2);
+    m->setRuleForUid(20000, 2);
+    EXPECT_EQ(log.count("old_mode=1, new_mode=2"), 1u);
+    EXPECT_EQ(log.count("old_mode=2, new_mode=2"), 1u);
+    EXPECT_EQ(pipe.commands(),
+              (Commands{kIpt + "mangle -D kwop_NUV -m owner --uid-owner 20000 -j kwop_NUV2",
+                        kIpt + "mangle -A kwop_NUV -m owner --uid-owner 20000 -j kwop_NUV2",
+                        kIpt + "nat -D kwop_NUV_nat -m owner --uid-owner 20000 -j kwop_DNS_nat",
+                        kIpt + "nat -A kwop_NUV_nat -m owner --uid-owner 20000 -j kwop_DNS_nat",
+                        kIpt + "mangle -D kwop_NUV -m owner --uid-owner 20000 -j kwop_NUV2",
+                        kIpt + "mangle -A kwop_NUV -m owner --uid-owner 20000 -j kwop_NUV2",
+                        kIpt + "nat -D kwop_NUV_nat -m owner --uid-owner 20000 -j kwop_DNS_nat",
+                        kIpt + "nat -A kwop_NUV_nat -m owner --uid-owner 20000 -j kwop_DNS_nat"}));
+    EXPECT_EQ(m->uidModes().at("20000"), 2);
+    // Negative UIDs keep their sign in the key.
+    m->setRuleForUid(-5, 0);
+    EXPECT_EQ(m->uidModes().count("-5"), 1u);
+}
+
+TEST_F(Manager, RemovalKeepsTheEntryWithTheGivenMode) {
+    NuvManager* m = configured({kWlan});
+    m->removeRuleForUid(30000, 7);
+    EXPECT_TRUE(pipe.commands().empty());
+    EXPECT_EQ(m->uidModes().at("30000"), 7);
+
+    m->removeRuleForUid(10123, 0);  // known with mode 1
+    EXPECT_EQ(pipe.commands(),
+              (Commands{kIpt + "mangle -D kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
+                        kIpt + "nat -D kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat"}));
+    EXPECT_TRUE(log.contains("old_mode=1"));
+    EXPECT_EQ(m->uidModes().at("10123"), 0);
+    m->setRuleForUid(10123, 1);
+    EXPECT_TRUE(log.contains("old_mode=0, new_mode=1"));
+}
+
+TEST_F(Manager, DnsFollowsTheWlanOrThePreferredOtherLink) {
+    NuvManager* m = configured({"a0,1,a0,0x5C,0,1,0,10.0.0.1", "b0,1,b0,0x5B,0,1,0,10.0.0.2",
+                                "c0,0,c0,0x5A,1,1,0,10.0.0.3", "d0,1,d0,0x5C,0,1,0,10.0.0.4"});
+    m->notifyWlanHasInternet(false);
+    EXPECT_STREQ(m->dnsInterface()->name, "b0");
+    // The first choice ever redirects from an empty old server.
+    EXPECT_EQ(commandsWith("kwop_DNS"),
+              (Commands{kIpt + "mangle -F kwop_DNS",
+                        kIpt + "mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_b0",
+                        kIpt + "nat -F kwop_DNS_nat",
+                        kIpt + "nat -A kwop_DNS_nat -p udp --dport 53 -d  -j DNAT --to-destination 10.0.0.2"}));
+    pipe.clear();
+    m->notifyWlanHasInternet(true);
+    EXPECT_STREQ(m->dnsInterface()->name, "c0");
+    EXPECT_EQ(commandsWith("DNAT"),
+              (Commands{kIpt + "nat -A kwop_DNS_nat -p udp --dport 53 -d 10.0.0.2 -j DNAT --to-destination 10.0.0.3"}));
+    EXPECT_TRUE(log.contains("Update DNS route to c0 (10.0.0.3)"));
+}
+
+TEST_F(Manager, WithoutPreferredLinkTheLastOtherWinsAndNoMatchKeepsTheChoice) {
+    NuvManager* m = configured({"a0,1,a0,0x5C,0,1,0,10.0.0.1", "d0,1,d0,0x5C,0,1,0,10.0.0.4"});
+    m->notifyWlanHasInternet(false);
+    EXPECT_STREQ(m->dnsInterface()->name, "d0");
+    pipe.clear();
+    m->notifyWlanHasInternet(true);  // no WLAN: the choice stays and is applied again
+    EXPECT_STREQ(m->dnsInterface()->name, "d0");
+    EXPECT_EQ(pipe.commands(),
+              (Commands{kIpt + "mangle -F kwop_DNS",
+                        kIpt + "mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_d0"}));
+}
+
+TEST_F(Manager, NoDnsUpdateBeforeAnyInterfaceWasChosen) {
+    Parameters::instance();
+    NuvManager* m = NuvManager::instance();
+    pipe.clear();
+    m->notifyWlanHasInternet(true);
+    EXPECT_TRUE(pipe.commands().empty());
+    // The rule lock was not left held: UID work still proceeds.
+    m->setRuleForUid(1, 1);
+    EXPECT_EQ(pipe.commands().size(), 4u);
+}
+
+TEST_F(Manager, CleanupTakesEverythingDownOnceAndLaterCallsDoNothing) {
+    NuvManager* m = configured({kWlan, kWwan});
+    m->cleanup();
+    Commands commands = pipe.commands();
+    ASSERT_FALSE(commands.empty());
+    EXPECT_EQ(commands.front(), kIpt + "mangle -D OUTPUT -j kwop_NUV");
+    EXPECT_EQ(commandsWith("rule del"),
+              (Commands{"/system/bin/ip-wrapper-1.0 -4 rule del fwmark 0x5B prio 25000",
+                        "/system/bin/ip-wrapper-1.0 -4 rule del fwmark 0x5A prio 25000"}));
+    const std::string control = controlCommands();
+    EXPECT_EQ(control.substr(control.size() - 9), std::string("enable=0\0", 9));
+
+    pipe.clear();
+    m->cleanup();
+    m->setRuleForUid(10123, 1);
+    m->notifyWlanHasInternet(true);
+    m->configInterfaceRelatedParams();
+    EXPECT_EQ(m->adjustParameters(), 0);
+    EXPECT_TRUE(pipe.commands().empty());
+}
+
+TEST_F(Manager, CleanupOfAnUnconfiguredManagerSkipsTheStatistics) {
+    Parameters::instance();
+    NuvManager* m = NuvManager::instance();
+    m->cleanup();
+    EXPECT_EQ(controlCommands(), "");
+    EXPECT_FALSE(commandsWith("-X kwop_VEK").empty());
+}
+
+}  // namespace
