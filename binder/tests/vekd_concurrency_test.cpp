@@ -1,0 +1,109 @@
+// The real service on the host transport, with eight clients at once and the
+// evaluation turning beside them. Built under ThreadSanitizer too.
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "binder/VekdBind.h"
+#include "config/Parameters.h"
+#include "manager/NuvManager.h"
+#include "platform/binder/HostBinder.h"
+#include "rules/IptablesManager.h"
+#include "stats/VekStatsImpl.h"
+#include "tests/support/FakeNetlink.h"
+#include "tests/support/Fakes.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempRoot.h"
+
+namespace {
+
+using android::Parcel;
+using android::sp;
+using android::String16;
+
+void resetAll() {
+    NuvManager::resetForTesting();
+    VekStatsImpl::resetForTesting();
+    IptablesManager::resetForTesting();
+    Parameters::resetForTesting();
+}
+
+TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
+    vekd::test::TempRoot root;
+    root.writeFile("/proc/vek/config", "");
+    vekd::test::FakeProperties props;
+    vekd::test::RecordingCommandPipe pipe;
+    vekd::test::FakeProcessLauncher launcher;
+    vekd::test::FakeClock clock;
+    vekd::test::FakeChangeWaiter waiter;
+    vekd::test::FakeNetlink netlink;
+    vekd::test::LogCapture log;
+    resetAll();
+
+    Parameters* params = Parameters::instance();
+    IVekd::startBind();
+    sp<android::IBinder> probe = android::defaultServiceManager()->checkService(String16("vekd"));
+    ASSERT_NE(probe, nullptr);
+    ASSERT_NE(probe->remoteBinder(), nullptr) << "clients must go through the socket";
+
+    std::atomic<bool> stop{false};
+    std::thread loop([&] {
+        while (!stop) {
+            if (params->m_runState.load() == kRunStateConfigured) NuvManager::instance()->adjustParameters();
+            std::this_thread::yield();
+        }
+    });
+
+    constexpr int kClients = 8;
+    constexpr int kRounds = 25;
+    std::atomic<int> answered{0};
+    std::vector<std::thread> clients;
+    for (int c = 0; c < kClients; ++c) {
+        clients.emplace_back([&, c] {
+            sp<android::IBinder> vekd = android::defaultServiceManager()->checkService(String16("vekd"));
+            if (vekd == nullptr) return;
+            const int uid = 20000 + c;
+            const std::string iface = "if" + std::to_string(c % 4) + ",0,if" + std::to_string(c % 4) +
+                                      ",0x5" + std::to_string(c % 4) + ",0,1,0,10.0.0." + std::to_string(c);
+            for (int r = 0; r < kRounds; ++r) {
+                for (uint32_t code : {4u, 5u, 1u, 2u, 3u}) {
+                    Parcel data, reply;
+                    data.writeInterfaceToken(IVekd::descriptor);
+                    if (code == 1 || code == 2) {
+                        data.writeInt32(uid);
+                        data.writeInt32(code == 1 ? 1 : 0);
+                    } else if (code == 3) {
+                        data.writeInt32(r % 2);
+                    } else if (code == 4) {
+                        data.writeInt32(c % 4);
+                        data.writeCString(iface.c_str());
+                    }
+                    if (vekd->transact(code, data, &reply) == android::NO_ERROR && reply.readInt32() == 0 &&
+                        reply.dataSize() == 4) {
+                        ++answered;
+                    }
+                }
+            }
+        });
+    }
+    for (std::thread& t : clients) t.join();
+    stop = true;
+    loop.join();
+
+    EXPECT_EQ(answered.load(), kClients * kRounds * 5);
+    EXPECT_EQ(log.count("new_mode=1"), static_cast<size_t>(kClients * kRounds));
+    const std::vector<std::string> rules = log.linesOf("NUVIptables");
+    EXPECT_EQ(std::count(rules.begin(), rules.end(), "I old_mode=1"), kClients * kRounds);
+    EXPECT_EQ(NuvManager::instance()->uidModes().size(), static_cast<size_t>(kClients));
+    EXPECT_EQ(params->m_runState.load(), kRunStateConfigured);
+
+    vekd::binder::resetForTesting();
+    resetAll();
+}
+
+}  // namespace
