@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs every test: once in a normal
-# build and once under the address and undefined-behaviour sanitizers.
+# build and once under the address and undefined-behaviour sanitizers; the
+# tests that run threads against each other (label "threads") run a third time
+# under the thread sanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -8,6 +10,7 @@ scripts/install-deps.sh
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 status=0
 for flavour in normal asan; do
@@ -17,4 +20,9 @@ for flavour in normal asan; do
   echo "=== $flavour tests ==="
   ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 300 || status=1
 done
+echo "=== tsan build ==="
+scripts/build.sh tsan
+echo "=== tsan tests ==="
+ctest --test-dir build/tsan --output-on-failure -j"$(nproc)" --timeout 300 -L threads || status=1
+
 exit $status
