@@ -26,7 +26,8 @@ namespace {
 
 constexpr const char* kTag = "vekstatd";
 constexpr uint64_t kRebindIntervalMs = 1000;
-constexpr int kReceiveBuffer = 1 << 20;
+constexpr int kReceiveBuffer = 4 << 20;
+constexpr uint64_t kDropCheckIntervalMs = 1000;
 // Enough for the network and TCP headers; the full length comes from MSG_TRUNC.
 constexpr size_t kHeaderBytes = 256;
 // Packets handled per wake-up and interface, so that a flood cannot starve
@@ -220,7 +221,11 @@ bool Publisher::bindLink(const std::string& name, Link& link) {
                             name.c_str(), strerror(errno));
         return false;
     }
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
+    // Room for a few hundred milliseconds of a fast link while we are not
+    // scheduled; beyond the system's limit when we may (root).
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof(kReceiveBuffer)) != 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
+    }
     struct sockaddr_ll addr {};
     addr.sll_family = AF_PACKET;
     addr.sll_protocol = htons(ETH_P_ALL);
@@ -272,12 +277,28 @@ void Publisher::drain(const std::string& name, Link& link) {
     }
 }
 
+void Publisher::reportDrops(const std::string& name, Link& link) {
+    // Reading the statistics resets them: each report covers the last period.
+    struct tpacket_stats st {};
+    socklen_t len = sizeof(st);
+    if (getsockopt(link.socket, SOL_PACKET, PACKET_STATISTICS, &st, &len) == 0 && st.tp_drops > 0) {
+        __android_log_print(ANDROID_LOG_WARN, kTag,
+                            "interface %s: %u packets not seen (receive queue full); "
+                            "samples understate the traffic",
+                            name.c_str(), st.tp_drops);
+    }
+}
+
 void Publisher::publish(uint64_t now) {
     if (!m_enabled) return;
     for (auto& entry : m_links) {
         Link& link = entry.second;
         if (link.socket < 0 && now - link.lastBindAttemptMs >= kRebindIntervalMs) {
             bindLink(entry.first, link);
+        }
+        if (link.socket >= 0 && now - link.lastDropCheckMs >= kDropCheckIntervalMs) {
+            link.lastDropCheckMs = now;
+            reportDrops(entry.first, link);
         }
         if (link.pendingBytes == 0) continue;
         const uint64_t cap = std::numeric_limits<uint32_t>::max();

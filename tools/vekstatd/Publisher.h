@@ -37,6 +37,7 @@ class Publisher {
         int ifindex = 0;
         uint64_t pendingBytes = 0;
         uint64_t lastBindAttemptMs = 0;
+        uint64_t lastDropCheckMs = 0;
     };
 
     void readCommands();
@@ -46,6 +47,7 @@ class Publisher {
     bool bindLink(const std::string& name, Link& link);
     void unbindLink(Link& link);
     void drain(const std::string& name, Link& link);
+    void reportDrops(const std::string& name, Link& link);
     void publish(uint64_t nowMs);
 
     std::string m_procDir;
