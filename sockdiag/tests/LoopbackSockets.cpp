@@ -73,19 +73,26 @@ uint16_t localPort(int fd) {
     return ntohs(reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
 }
 
-bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, int* client,
-                   int* server) {
+int tcpConnect(int family, uint16_t port, uid_t clientUid) {
+    int fd;
     {
         SocketOwner owner(clientUid);
-        *client = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     }
-    if (*client < 0) return false;
+    if (fd < 0) return -1;
     sockaddr_storage ss;
-    socklen_t len = loopback(family, localPort(listener), &ss);
-    if (connect(*client, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
-        close(*client);
-        return false;
+    socklen_t len = loopback(family, port, &ss);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
+        close(fd);
+        return -1;
     }
+    return fd;
+}
+
+bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, int* client,
+                   int* server) {
+    *client = tcpConnect(family, localPort(listener), clientUid);
+    if (*client < 0) return false;
     {
         SocketOwner owner(serverUid);
         *server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

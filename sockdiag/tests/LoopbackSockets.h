@@ -48,6 +48,10 @@ uint16_t localPort(int fd);
 // it, not to the listener's owner); false on failure.
 bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, int* client,
                    int* server);
+// Only the client side: a TCP socket owned by `clientUid` connected to `port`
+// on loopback; the kernel completes the handshake and queues the other end
+// on the listener without a descriptor. -1 on failure.
+int tcpConnect(int family, uint16_t port, uid_t clientUid);
 // A UDP socket bound to loopback, and one connected to `port` on loopback.
 int udpBound(int family);
 int udpConnected(int family, uint16_t port);
