@@ -153,16 +153,6 @@ TEST(SockDestroyKernel, DestroysTheUidsSocketsOnBothFamiliesAndSparesTheRest) {
     }
 }
 
-TEST(SockDestroyKernel, AUidWithoutSocketsDestroysNothing) {
-    REQUIRE_SOCK_DESTROY();
-    Scene v4;
-    ASSERT_TRUE(v4.build(AF_INET));
-    vekd::test::LogCapture log;
-    EXPECT_EQ(killSocketsForUID("10555"), 0);
-    EXPECT_EQ(log.count("SOCK DESTROY"), 0u);
-    EXPECT_EQ(vekd::test::tcpState(v4.appClient), TCP_ESTABLISHED);
-}
-
 size_t countTimeWait(uint16_t port) {
     std::string out = vekd::test::runShell("ss -Htan state time-wait sport = :" + std::to_string(port));
     size_t lines = 0;
