@@ -67,7 +67,14 @@ void VekStatsImpl::finalize() {
 void VekStatsImpl::resetForTesting() {
     finalize();
     Retired& r = retired();
-    for (linkStatsWrapper_t* record : r.records) delete record;
+    for (linkStatsWrapper_t* record : r.records) {
+        // A replaced record still holds its mapping.
+        if (record->statsData != nullptr) {
+            files().munmap(record->statsData->map, kVekStatsFileSize);
+            delete record->statsData;
+        }
+        delete record;
+    }
     for (VekStatsData* data : r.estimators) delete data;
     r.records.clear();
     r.estimators.clear();

@@ -95,7 +95,8 @@ TEST_F(RatiosTest, DominantUnmeteredLinkGetsTheFixedShareOnlyAboveTheResetThresh
     link("wlan0", false, 900);
     link("wlan1", false, 100);
     link("ghost", false, 0);
-    params->m_interfaceMap.erase("ghost");  // measured but not configured
+    free(params->m_interfaceMap["ghost"]);  // measured but not configured
+    params->m_interfaceMap.erase("ghost");
     stats()->m_linkStatsMap["ghost"]->interfaceRatio = 0.42f;
 
     params->m_thresholdToStartReset = 80;
