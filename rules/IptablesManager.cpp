@@ -151,48 +151,51 @@ IptablesManager::~IptablesManager() {
 
 // --- Mark chains ---
 
-int IptablesManager::setup_NUV_iptables_FWMARK_chains() {
+namespace {
+
+// The texts of one walk over the interface map.
+struct InterfaceWalk {
+    const char* operation;
+    const char* recordFailed;  // "%s ... %s": operation, interface
+    const char* summary;       // "%s ...": operation
+};
+
+// Runs `step` for every record in name order, whatever fails on the way;
+// one line per failed record, one summary line, -1 if anything failed.
+int forEachInterface(IptablesManager* manager, int (IptablesManager::*step)(InterfaceInfo_t*),
+                     const InterfaceWalk& texts) {
     std::map<std::string, InterfaceInfo_t*>& interfaces = Parameters::instance()->m_interfaceMap;
     if (interfaces.empty()) return 0;
     int failures = 0;
     for (auto& entry : interfaces) {
         InterfaceInfo_t* info = entry.second;
-        if (create_NUV_FWMARK_chain_for_iface(info) != 0) {
+        if ((manager->*step)(info) != 0) {
             ++failures;
             if (info != nullptr) {
-                __android_log_print(ANDROID_LOG_ERROR, kTag, "%s Creating FWMARK for interface %s failed",
-                                    "setup_NUV_iptables_FWMARK_chains", fieldText(info->name).c_str());
+                __android_log_print(ANDROID_LOG_ERROR, kTag, texts.recordFailed, texts.operation,
+                                    fieldText(info->name).c_str());
             }
         }
     }
     if (failures != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s Failure when creating FWMARK tables for all interfaces ",
-                            "setup_NUV_iptables_FWMARK_chains");
+        __android_log_print(ANDROID_LOG_ERROR, kTag, texts.summary, texts.operation);
         return -1;
     }
     return 0;
 }
 
+}  // namespace
+
+int IptablesManager::setup_NUV_iptables_FWMARK_chains() {
+    return forEachInterface(this, &IptablesManager::create_NUV_FWMARK_chain_for_iface,
+                            {"setup_NUV_iptables_FWMARK_chains", "%s Creating FWMARK for interface %s failed",
+                             "%s Failure when creating FWMARK tables for all interfaces "});
+}
+
 int IptablesManager::cleanup_NUV_iptables_FWMARK_chains() {
-    std::map<std::string, InterfaceInfo_t*>& interfaces = Parameters::instance()->m_interfaceMap;
-    if (interfaces.empty()) return 0;
-    int failures = 0;
-    for (auto& entry : interfaces) {
-        InterfaceInfo_t* info = entry.second;
-        if (remove_NUV_FWMARK_chain_for_iface(info) != 0) {
-            ++failures;
-            if (info != nullptr) {
-                __android_log_print(ANDROID_LOG_ERROR, kTag, "%s Cleanup FWMARK for interface %s failed",
-                                    "cleanup_NUV_iptables_FWMARK_chains", fieldText(info->name).c_str());
-            }
-        }
-    }
-    if (failures != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s Failure when cleaning FWMARK tables for all interfaces ",
-                            "cleanup_NUV_iptables_FWMARK_chains");
-        return -1;
-    }
-    return 0;
+    return forEachInterface(this, &IptablesManager::remove_NUV_FWMARK_chain_for_iface,
+                            {"cleanup_NUV_iptables_FWMARK_chains", "%s Cleanup FWMARK for interface %s failed",
+                             "%s Failure when cleaning FWMARK tables for all interfaces "});
 }
 
 int IptablesManager::create_NUV_FWMARK_chain_for_iface(InterfaceInfo_t* info) {

@@ -41,6 +41,18 @@ int boundSocket(int family, int type) {
     return fd;
 }
 
+// Connects `fd` to `port` on loopback; `fd`, or -1 (and `fd` closed).
+int connectToLoopback(int fd, int family, uint16_t port) {
+    if (fd < 0) return -1;
+    sockaddr_storage ss;
+    socklen_t len = loopback(family, port, &ss);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 }  // namespace
 
 SocketOwner::SocketOwner(uid_t uid) : m_previous(static_cast<uid_t>(setfsuid(uid))) {}
@@ -79,14 +91,7 @@ int tcpConnect(int family, uint16_t port, uid_t clientUid) {
         SocketOwner owner(clientUid);
         fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     }
-    if (fd < 0) return -1;
-    sockaddr_storage ss;
-    socklen_t len = loopback(family, port, &ss);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return connectToLoopback(fd, family, port);
 }
 
 bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, int* client,
@@ -107,15 +112,7 @@ bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, i
 int udpBound(int family) { return boundSocket(family, SOCK_DGRAM); }
 
 int udpConnected(int family, uint16_t port) {
-    int fd = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    sockaddr_storage ss;
-    socklen_t len = loopback(family, port, &ss);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return connectToLoopback(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0), family, port);
 }
 
 int tcpState(int fd) {
