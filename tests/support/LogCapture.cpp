@@ -8,6 +8,10 @@ char letter(int priority) {
 }
 }  // namespace
 
+// Installing the logger here keeps capture working in test programs that
+// otherwise use nothing of the platform library (the linker may drop it).
+LogCapture::LogCapture() : m_scope(*this) { platform::installHostLogger(); }
+
 void LogCapture::write(int priority, const char* tag, const char* message) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_records.push_back({priority, tag, message});

@@ -17,7 +17,7 @@ struct LogRecord {
 
 class LogCapture : public platform::LogSink {
   public:
-    LogCapture() : m_scope(*this) {}
+    LogCapture();
     void write(int priority, const char* tag, const char* message) override;
 
     std::vector<LogRecord> records() const;
