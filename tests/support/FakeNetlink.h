@@ -161,7 +161,7 @@ class FakeNetlink : public sockdiag::NetlinkOps {
         }
         // One datagram per call; what does not fit is lost, as on a datagram socket.
         const size_t n = std::min(len, q.front().size());
-        memcpy(buf, q.front().data(), n);
+        if (n > 0) memcpy(buf, q.front().data(), n);  // an empty datagram has no data()
         if (!(flags & MSG_PEEK)) q.pop_front();
         return static_cast<ssize_t>(n);
     }
