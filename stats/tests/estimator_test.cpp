@@ -9,15 +9,13 @@ namespace {
 using stats::makeSample;
 using stats::StatsFileBuilder;
 
-struct Estimate {
-    unsigned rate;
-    unsigned count;
-};
+// Rate and number of samples counted.
+using Estimate = std::pair<unsigned, unsigned>;
 
 class EstimatorTest : public StatsTest {
   protected:
-    Estimate estimate(bool wlan = false) {
-        VekStatsData data(ring.data(), wlan);
+    Estimate estimate() {
+        VekStatsData data(ring.data(), false);
         unsigned count = 12345;
         unsigned rate = data.linkRateEstimate(&count, "wlan0");
         return {rate, count};
@@ -31,27 +29,21 @@ class EstimatorTest : public StatsTest {
 // no reference and only bounds the newest span.
 TEST_F(EstimatorTest, SteadyTrafficInKilobitsOf1024Bits) {
     fillSteady(ring, 20, 8, 1024);
-    Estimate e = estimate();
-    EXPECT_EQ(e.rate, 1000u);
-    EXPECT_EQ(e.count, 19u);
+    EXPECT_EQ(estimate(), Estimate(1000, 19));
 }
 
 TEST_F(EstimatorTest, WalkWrapsFromSlotOneToSlot1279AndIndexZeroMeans1279) {
     ring.setWriteIndex(1270);
     fillSteady(ring, 12, 8, 1024);  // slots 1271..1279, 1, 2, 3
     ASSERT_EQ(ring.writeIndex(), 3u);
-    Estimate e = estimate();
-    EXPECT_EQ(e.count, 11u);
-    EXPECT_EQ(e.rate, 1000u);
+    EXPECT_EQ(estimate(), Estimate(1000, 11));
 
     ring.clear();
     ring.setWriteIndex(1266);
     fillSteady(ring, 13, 8, 1024);
     ASSERT_EQ(ring.writeIndex(), 1279u);
     ring.setWriteIndex(0);
-    e = estimate();
-    EXPECT_EQ(e.count, 12u);
-    EXPECT_EQ(e.rate, 1000u);
+    EXPECT_EQ(estimate(), Estimate(1000, 12));
 }
 
 TEST_F(EstimatorTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
@@ -64,9 +56,7 @@ TEST_F(EstimatorTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
     ring.append(makeSample(kNowMs - 10, 9999, kVekSampleSpacer));
     // The newest spacer is passed over; each counted sample spans back to
     // the sample before the spacer: 2 x 1024 bytes in 40 ms.
-    Estimate e = estimate();
-    EXPECT_EQ(e.count, 2u);
-    EXPECT_EQ(e.rate, 400u);
+    EXPECT_EQ(estimate(), Estimate(400, 2));
 
     ring.clear();
     ring.setMagic();
@@ -76,9 +66,7 @@ TEST_F(EstimatorTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
     ring.append(makeSample(kNowMs - 10, 1024));
     // Only the newest counts; the flagged sample is its reference, and the
     // walk passes the uncounted ones down to the oldest, which has none.
-    e = estimate();
-    EXPECT_EQ(e.count, 1u);
-    EXPECT_EQ(e.rate, 800u);
+    EXPECT_EQ(estimate(), Estimate(800, 1));
 }
 
 TEST_F(EstimatorTest, StaleBoundIsInclusiveAndNowIsOneMillisecondAhead) {
@@ -87,29 +75,23 @@ TEST_F(EstimatorTest, StaleBoundIsInclusiveAndNowIsOneMillisecondAhead) {
                                     {kNowMs - 1500, 0}}) {
         ring.clear();
         fillSteady(ring, 2, 10, 1024, newest);
-        EXPECT_EQ(estimate().count, expected) << "newest sample at now - " << kNowMs - newest;
+        EXPECT_EQ(estimate().second, expected) << "newest sample at now - " << kNowMs - newest;
     }
 }
 
 TEST_F(EstimatorTest, SizeBoundStopsAtTheLimitAndValidatesShortWindowsOnlyWhenPassed) {
     fillSteady(ring, 10, 5, 1024);  // 20 ms of data are below mini_rate_window 50
     params->m_maxSizeToCalculateLre = 4096;
-    Estimate e = estimate();
-    EXPECT_EQ(e.count, 4u);
-    EXPECT_EQ(e.rate, 0u);
+    EXPECT_EQ(estimate(), Estimate(0, 4));
 
     params->m_maxSizeToCalculateLre = 4095;
-    e = estimate();
-    EXPECT_EQ(e.count, 4u);
-    EXPECT_EQ(e.rate, 1600u);  // 4096 bytes in 20 ms
+    EXPECT_EQ(estimate(), Estimate(1600, 4));  // 4096 bytes in 20 ms
 }
 
 TEST_F(EstimatorTest, WindowBoundAndZeroOrBackwardSpansEndTheWalk) {
     set(OPER_IDEAL_EST_WINDOW, 100);
     fillSteady(ring, 20, 10, 1024);
-    Estimate e = estimate();
-    EXPECT_EQ(e.count, 9u);  // a tenth span would reach the window
-    EXPECT_EQ(e.rate, 800u);
+    EXPECT_EQ(estimate(), Estimate(800, 9));  // a tenth span would reach the window
 
     for (uint64_t olderTs : {kNowMs, kNowMs + 5}) {
         ring.clear();
@@ -117,27 +99,21 @@ TEST_F(EstimatorTest, WindowBoundAndZeroOrBackwardSpansEndTheWalk) {
         ring.append(makeSample(kNowMs - 20, 1024));
         ring.append(makeSample(olderTs, 1024));
         ring.append(makeSample(kNowMs, 1024));
-        e = estimate();
-        EXPECT_EQ(e.count, 0u);
-        EXPECT_EQ(e.rate, 0u);
+        EXPECT_EQ(estimate(), Estimate(0, 0));
     }
 }
 
 TEST_F(EstimatorTest, NotReadyAndClockFailureGiveZero) {
     fillSteady(ring, 20, 8, 1024);
     ring.setMagic(0);
-    Estimate e = estimate();
-    EXPECT_EQ(e.rate, 0u);
-    EXPECT_EQ(e.count, 12345u);  // untouched
+    EXPECT_EQ(estimate(), Estimate(0, 12345));  // untouched
     EXPECT_EQ(log.linesOf("VekStatsData"),
               std::vector<std::string>{"E VEK stat colletct is not ready"});
 
     ring.setMagic();
     log.clear();
     clock.failNextTimeOfDay();
-    e = estimate();
-    EXPECT_EQ(e.rate, 0u);
-    EXPECT_EQ(e.count, 0u);
+    EXPECT_EQ(estimate(), Estimate(0, 0));
     EXPECT_EQ(log.linesOf("VekStatsData"),
               std::vector<std::string>{"E linkRateEstimate, gettimeofday failed"});
 }
@@ -147,7 +123,7 @@ TEST_F(EstimatorTest, CorruptRingsEndWithinTheMapping) {
     // error under the address sanitizer.
     fillSteady(ring, 20, 8, 1024);
     ring.setWriteIndex(1280);
-    EXPECT_EQ(estimate().rate, 0u);
+    EXPECT_EQ(estimate().first, 0u);
     EXPECT_TRUE(log.contains("WWAN:Index(1279) out of bound!"));
 
     // Fresh rings of spacers or of uncounted samples all round.
@@ -155,7 +131,7 @@ TEST_F(EstimatorTest, CorruptRingsEndWithinTheMapping) {
         ring.clear();
         ring.setMagic();
         for (uint32_t i = 0; i < kVekStatsRingSlots; ++i) ring.append(makeSample(kNowMs - i, 100, kind));
-        EXPECT_EQ(estimate().rate, 0u);
+        EXPECT_EQ(estimate().first, 0u);
     }
 
     // A full ring with every bound out of the way is walked once round.
@@ -165,9 +141,7 @@ TEST_F(EstimatorTest, CorruptRingsEndWithinTheMapping) {
     ring.clear();
     ring.setWriteIndex(700);
     fillSteady(ring, kVekStatsRingSlots, 8, 1024);
-    Estimate e = estimate();
-    EXPECT_EQ(e.count, kVekStatsRingSlots - 1);
-    EXPECT_EQ(e.rate, 1000u);
+    EXPECT_EQ(estimate(), Estimate(1000, kVekStatsRingSlots - 1));
 }
 
 TEST_F(EstimatorTest, VerboseLogShowsNewestEntryAndResult) {
@@ -185,32 +159,23 @@ TEST_F(EstimatorTest, VerboseLogShowsNewestEntryAndResult) {
                   "D WLAN:linkRateEstimate:0, size:1024, timeLen:8 interface:wlan0  -\n"}));
 }
 
-class HistoryTest : public StatsTest {
-  protected:
-    std::vector<unsigned> feed(std::initializer_list<unsigned> values) {
+TEST_F(StatsTest, HistoryKeepsTheMaximumOfTheLastEstimatesAndRescansWhenItLeaves) {
+    linkHistory_t history;
+    auto feed = [&](std::initializer_list<unsigned> values) {
         std::vector<unsigned> out;
         for (unsigned v : values) {
             out.push_back(VekStatsImpl::instance()->getMaxLinkRateFromHistory(history, v, params));
         }
         return out;
-    }
-    linkHistory_t history;
-};
-
-TEST_F(HistoryTest, KeepsTheMaximumOfTheLastEstimatesAndRescansWhenItLeaves) {
-    params->m_bestEstCacheSize = 3;
-    EXPECT_EQ(feed({5, 9, 3, 4, 2, 0, 0, 0}), (std::vector<unsigned>{5, 9, 9, 9, 4, 4, 2, 0}));
-    EXPECT_EQ(history.rates, (std::deque<unsigned>{0, 0, 0}));
-}
-
-TEST_F(HistoryTest, SizeZeroPassesThroughAndShrinkingDropsOneValuePerTurn) {
-    EXPECT_EQ(feed({7, 0}), (std::vector<unsigned>{7, 0}));
+    };
+    EXPECT_EQ(feed({7, 0}), (std::vector<unsigned>{7, 0}));  // size 0: off
     EXPECT_TRUE(history.rates.empty());
 
     params->m_bestEstCacheSize = 3;
-    feed({1, 2, 3});
+    EXPECT_EQ(feed({5, 9, 3, 4, 2, 0, 0, 0}), (std::vector<unsigned>{5, 9, 9, 9, 4, 4, 2, 0}));
+    // Shrinking the size drops one value per turn only.
     params->m_bestEstCacheSize = 2;
-    EXPECT_EQ(feed({0}), std::vector<unsigned>{3});
+    EXPECT_EQ(feed({6}), std::vector<unsigned>{6});
     EXPECT_EQ(history.rates.size(), 3u);
 }
 

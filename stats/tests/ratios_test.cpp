@@ -6,19 +6,23 @@
 #include <memory>
 #include <vector>
 
+#include <gmock/gmock.h>
+
 #include "rules/IptablesManager.h"
 #include "stats/tests/StatsTestBase.h"
 
 namespace vekd::test {
 namespace {
 
+#define EXPECT_RATIOS(...) \
+    EXPECT_THAT(ratios(), testing::Pointwise(testing::FloatEq(), std::vector<float>{__VA_ARGS__}))
+
 constexpr const char* kRule =
     "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kwop_VEK --match multiport -p tcp --dports "
     "80,443 -m state --state NEW -m statistic --mode random --probability ";
 constexpr const char* kFlush = "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kwop_VEK";
 
-// Records command lines and whether the statistics lock was held while a
-// ratio rule line was run.
+// Records whether the statistics lock is held while ratio rules are run.
 class LockProbePipe : public RecordingCommandPipe {
   public:
     FILE* open(const char* line) override {
@@ -28,14 +32,6 @@ class LockProbePipe : public RecordingCommandPipe {
             lockHeld.push_back(rc == EBUSY);
         }
         return RecordingCommandPipe::open(line);
-    }
-    // The ratio rule lines since the last clear().
-    std::vector<std::string> ratioRules() const {
-        std::vector<std::string> out;
-        for (const std::string& c : commands()) {
-            if (c.find("kwop_VEK") != std::string::npos) out.push_back(c);
-        }
-        return out;
     }
     std::vector<bool> lockHeld;
 };
@@ -66,28 +62,27 @@ class RatiosTest : public StatsTest {
         record->lre = lre;
         return record;
     }
-    float ratio(const std::string& name) { return stats()->m_linkStatsMap.at(name)->interfaceRatio; }
+    // Every record's share, in name order.
+    std::vector<float> ratios() {
+        std::vector<float> out;
+        for (auto& entry : stats()->m_linkStatsMap) out.push_back(entry.second->interfaceRatio);
+        return out;
+    }
     void set(OperId id, int value) { params->m_operParams[id] = value; }
 
     LockProbePipe pipe;
 };
 
-TEST_F(RatiosTest, WithMeteredTheMeteredLinksFillUpToTheThreshold) {
+TEST_F(RatiosTest, BelowTheThresholdMeteredLinksFillUpAboveItOnlyUnmeteredCarry) {
     set(OPER_WIFI_THRESHOLD, 4000);
     link("wlan0", false, 3000);
     link("rmnet0", true, 1000);
     EXPECT_TRUE(stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 1000, 3000, 3000));
-    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.75f);
-    EXPECT_FLOAT_EQ(ratio("rmnet0"), 0.25f);
-}
+    EXPECT_RATIOS(0.25f, 0.75f);
 
-TEST_F(RatiosTest, UnmeteredOnlyLeavesMeteredLinksOutAndHandsNothingOut) {
     set(OPER_WIFI_THRESHOLD, 2000);
-    link("wlan0", false, 3000);
-    link("rmnet0", true, 1000);
     EXPECT_TRUE(stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 1000, 3000, 3000));
-    EXPECT_FLOAT_EQ(ratio("wlan0"), 1.0f);
-    EXPECT_FLOAT_EQ(ratio("rmnet0"), 0.0f);
+    EXPECT_RATIOS(0.0f, 1.0f);
 }
 
 TEST_F(RatiosTest, DominantUnmeteredLinkGetsTheFixedShareOnlyAboveTheResetThreshold) {
@@ -101,15 +96,12 @@ TEST_F(RatiosTest, DominantUnmeteredLinkGetsTheFixedShareOnlyAboveTheResetThresh
 
     params->m_thresholdToStartReset = 80;
     stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 0, 1000, 900);
-    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.7f);
-    EXPECT_FLOAT_EQ(ratio("wlan1"), 0.3f);
-    EXPECT_FLOAT_EQ(ratio("ghost"), 0.42f);
+    EXPECT_RATIOS(0.42f, 0.7f, 0.3f);
 
     // Dominance 0.9 is not above 90 %: shares in proportion to the rates.
     params->m_thresholdToStartReset = 90;
     stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 0, 1000, 900);
-    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.9f);
-    EXPECT_FLOAT_EQ(ratio("wlan1"), 0.1f);
+    EXPECT_RATIOS(0.42f, 0.9f, 0.1f);
 }
 
 TEST_F(RatiosTest, RemainderGoesInEqualPartsToLinksWithoutEstimate) {
@@ -117,15 +109,12 @@ TEST_F(RatiosTest, RemainderGoesInEqualPartsToLinksWithoutEstimate) {
     link("wlan0", false, 0);
     link("wlan1", false, 500);
     stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 0, 500, 500);
-    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.5f);
-    EXPECT_FLOAT_EQ(ratio("wlan1"), 0.5f);
+    EXPECT_RATIOS(0.5f, 0.5f);
 
     link("wlan1", false, 400);
     link("rmnet0", true, 0);
     stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 0, 400, 400);
-    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.3f);
-    EXPECT_FLOAT_EQ(ratio("wlan1"), 0.4f);
-    EXPECT_FLOAT_EQ(ratio("rmnet0"), 0.3f);
+    EXPECT_RATIOS(0.3f, 0.3f, 0.4f);
 }
 
 TEST_F(RatiosTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
@@ -150,9 +139,7 @@ TEST_F(RatiosTest, UnknownModeKeepsSharesAndHandsOutOnlyOnTheEstimate) {
     // Every r is 0: the whole remainder goes to the one link without an
     // estimate, not to a link whose share merely is 0.
     EXPECT_TRUE(stats()->calcVekRatios(static_cast<VEK_ratio_calc_process>(7), 0, 1000, 700));
-    EXPECT_FLOAT_EQ(ratio("wlan0"), 0.6f);
-    EXPECT_FLOAT_EQ(ratio("wlan1"), 1.0f / 3);
-    EXPECT_FLOAT_EQ(ratio("wlan2"), 0.0f);
+    EXPECT_RATIOS(0.6f, 1.0f / 3, 0.0f);
     EXPECT_EQ(log.count("calcVekRatios unexpected behavior in calc ratio"), 3u);
 }
 
@@ -169,6 +156,13 @@ class EvalTurnTest : public RatiosTest {
         file->clear();
         fillSteady(*file, count, 8, bytes);
     }
+    std::vector<std::string> ratioRules() const {
+        std::vector<std::string> out;
+        for (const std::string& c : pipe.commands()) {
+            if (c.find("kwop_VEK") != std::string::npos) out.push_back(c);
+        }
+        return out;
+    }
     std::map<std::string, std::unique_ptr<stats::StatsFile>> files;
 };
 
@@ -178,19 +172,19 @@ TEST_F(EvalTurnTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     ASSERT_TRUE(stats()->initMmap());
 
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(pipe.ratioRules(),
+    EXPECT_EQ(ratioRules(),
               (std::vector<std::string>{kFlush, std::string(kRule) + "0.625000 -j kwop_fw_wlan0",
                                         std::string(kRule) + "1.000000 -j kwop_fw_rmnet0"}));
     EXPECT_EQ(pipe.lockHeld, std::vector<bool>(3, true));
 
     pipe.clear();
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_TRUE(pipe.ratioRules().empty());
+    EXPECT_TRUE(ratioRules().empty());
 
     // Wi-Fi now above the threshold: it alone carries new connections.
     publish("wlan0", false, 2048);
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(pipe.ratioRules(),
+    EXPECT_EQ(ratioRules(),
               (std::vector<std::string>{kFlush, std::string(kRule) + "1.000000 -j kwop_fw_wlan0",
                                         std::string(kRule) + "0.000000 -j kwop_fw_rmnet0"}));
 }
