@@ -1,9 +1,12 @@
 // Split ratios, and the evaluation turn that installs them as ratio rules.
 #include <pthread.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -209,6 +212,24 @@ TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(records["wlan0"]->lre, 1000u);
     EXPECT_EQ(records["wlan0"]->pktCnt, 0u);
+}
+
+// The link manager maps and unmaps from binder threads while the main loop
+// runs turns; the statistics lock keeps them apart (the thread sanitizer
+// build runs this too).
+TEST_F(EvalTurnTest, TurnsRunWhileAnotherThreadRemapsTheFiles) {
+    publish("wlan0", false, 1024);
+    publish("rmnet0", true, 2048);
+    ASSERT_TRUE(stats()->initMmap());
+    std::atomic<bool> done{false};
+    std::thread remapper([&] {
+        for (int i = 0; i < 50; ++i) stats()->freeMmap(), stats()->initMmap();
+        done = true;
+    });
+    while (!done) stats()->evalAndSetVEKInterfaceRatio();
+    remapper.join();
+    EXPECT_EQ(stats()->m_linkStatsMap.size(), 2u);
+    EXPECT_EQ(std::count(pipe.lockHeld.begin(), pipe.lockHeld.end(), false), 0);
 }
 
 }  // namespace
