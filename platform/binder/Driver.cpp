@@ -328,6 +328,8 @@ bool Driver::waitForWork(Work* work) {
     *work = std::move(m_queue.front());
     m_queue.pop_front();
     ++m_executing;
+    // Whatever is still queued needs another thread once this one is busy.
+    maybeSpawnLocked();
     return true;
 }
 
@@ -375,6 +377,8 @@ void Driver::spawnLooper(bool isMain, const std::string& name) {
 void Driver::looperEntered() {
     std::lock_guard<std::mutex> lock(m_mutex);
     ++m_loopers;
+    // Work may have queued up before the first pool thread arrived.
+    maybeSpawnLocked();
 }
 
 void Driver::looperLeft() {

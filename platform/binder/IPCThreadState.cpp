@@ -33,8 +33,7 @@ IPCThreadState* IPCThreadState::selfOrNull() {
 
 void IPCThreadState::threadDestructor(void* st) { delete static_cast<IPCThreadState*>(st); }
 
-// Frees the calling thread's state and stops the pool: the next use starts
-// over with the process state of that time.
+// Stops the pool and frees the calling thread's state.
 void IPCThreadState::shutdown() {
     vekd::binder::Driver::instance().shutdown();
     IPCThreadState* state = selfOrNull();
@@ -44,8 +43,12 @@ void IPCThreadState::shutdown() {
     }
 }
 
+// The thread state holds no reference to the process state: the process state
+// lives in its process-wide slot, and a reference dropped at thread exit would
+// race with resetForTesting() in ways the thread sanitizer cannot see through
+// the platform's uninstrumented reference counting.
 IPCThreadState::IPCThreadState()
-    : mProcess(ProcessState::self()),
+    : mProcess(nullptr),
       mLastError(NO_ERROR),
       mServingStackPointer(nullptr),
       mCallingPid(getpid()),
@@ -61,7 +64,7 @@ IPCThreadState::IPCThreadState()
 
 IPCThreadState::~IPCThreadState() {}
 
-sp<ProcessState> IPCThreadState::process() { return mProcess; }
+sp<ProcessState> IPCThreadState::process() { return ProcessState::self(); }
 
 status_t IPCThreadState::clearLastError() {
     const status_t err = mLastError;
