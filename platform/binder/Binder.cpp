@@ -1,11 +1,8 @@
 // Local binder objects, the interface base classes and the reference holder
 // of proxy interfaces.
-#define LOG_TAG "Binder"
-
 #include <binder/Binder.h>
 #include <binder/IInterface.h>
 #include <binder/Parcel.h>
-#include <log/log.h>
 #include <unistd.h>
 
 #include <map>

@@ -1,9 +1,6 @@
 // Per-thread binder state: the caller of the transaction being served, and the
 // way out for this thread's outgoing calls.
-#define LOG_TAG "IPCThreadState"
-
 #include <binder/IPCThreadState.h>
-#include <log/log.h>
 #include <pthread.h>
 #include <unistd.h>
 

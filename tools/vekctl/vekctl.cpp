@@ -132,7 +132,7 @@ int callService(const Verb& verb, const int32_t* ints, const char* text) {
 
     const android::status_t status = service->transact(code, data, &reply);
     if (status != android::NO_ERROR) {
-        fprintf(stderr, "vekctl: %s: the service answered status %d (%s)\n", verb.name, status,
+        fprintf(stderr, "vekctl: %s: the call failed with status %d (%s)\n", verb.name, status,
                 statusName(status));
         return kExitFailed;
     }

@@ -284,34 +284,42 @@ TEST_F(BinderTransportTest, OneWayCallsGetNoReply) {
     EXPECT_EQ(m_service->m_recorded, (std::vector<int32_t>{5, 6}));
 }
 
+// Client threads, each calling the gate once over its own proxy.
+class GateCallers {
+  public:
+    explicit GateCallers(int count) {
+        for (int i = 0; i < count; ++i) {
+            m_threads.emplace_back([this] {
+                sp<IBinder> binder = defaultServiceManager()->checkService(String16("echo"));
+                Parcel data, reply;
+                if (binder != nullptr && binder->transact(kGate, data, &reply) == NO_ERROR) ++m_ok;
+            });
+        }
+    }
+    ~GateCallers() { joinAndCountSuccesses(); }
+    int joinAndCountSuccesses() {
+        for (auto& t : m_threads) {
+            if (t.joinable()) t.join();
+        }
+        return m_ok.load();
+    }
+
+  private:
+    std::vector<std::thread> m_threads;
+    std::atomic<int> m_ok{0};
+};
+
 TEST_F(BinderTransportTest, SixteenClientsAreServedAtTheSameTime) {
     m_service->openGateAt(16);  // only sixteen calls running together pass
-    std::vector<std::thread> clients;
-    std::atomic<int> ok{0};
-    for (int i = 0; i < 16; ++i) {
-        clients.emplace_back([&] {
-            sp<IBinder> binder = defaultServiceManager()->checkService(String16("echo"));
-            Parcel data, reply;
-            if (binder != nullptr && binder->transact(kGate, data, &reply) == NO_ERROR) ++ok;
-        });
-    }
-    for (auto& t : clients) t.join();
-    EXPECT_EQ(ok.load(), 16);
+    GateCallers callers(16);
+    EXPECT_EQ(callers.joinAndCountSuccesses(), 16);
     std::lock_guard<std::mutex> lock(m_service->m_mutex);
     EXPECT_EQ(m_service->m_maxInFlight, 16);
 }
 
 TEST_F(BinderTransportTest, NoMoreThanSixteenTransactionsRunAtOnce) {
     ProcessState::self()->setThreadPoolMaxThreadCount(30);
-    std::vector<std::thread> clients;
-    std::atomic<int> ok{0};
-    for (int i = 0; i < 20; ++i) {
-        clients.emplace_back([&] {
-            sp<IBinder> binder = defaultServiceManager()->checkService(String16("echo"));
-            Parcel data, reply;
-            if (binder != nullptr && binder->transact(kGate, data, &reply) == NO_ERROR) ++ok;
-        });
-    }
+    GateCallers callers(20);
     EXPECT_TRUE(m_service->waitFor([&] { return m_service->m_inFlight == 16; }));
     // Give the other four every chance to start; they must wait instead.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -320,8 +328,7 @@ TEST_F(BinderTransportTest, NoMoreThanSixteenTransactionsRunAtOnce) {
         EXPECT_EQ(m_service->m_inFlight, 16);
     }
     m_service->openGate();
-    for (auto& t : clients) t.join();
-    EXPECT_EQ(ok.load(), 20);
+    EXPECT_EQ(callers.joinAndCountSuccesses(), 20);
     std::lock_guard<std::mutex> lock(m_service->m_mutex);
     EXPECT_EQ(m_service->m_maxInFlight, 16);
 }
