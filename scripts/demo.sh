@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
-# The main job: installs what is missing, builds, and runs vekd against a
-# sample root directory, showing its log.
+# The main job: installs what is missing, builds, and runs the two-link
+# testbed's slow-WLAN scenario (vekd steering real traffic between a shaped
+# WLAN and WWAN link in network namespaces). Needs root. Options are passed to
+# testbed/run.sh: --fast-wlan, --wlan-drop, --duration S, --help, ...
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+if [ "$(id -u)" != 0 ]; then
+  echo "demo: run as root: the testbed creates network namespaces" >&2
+  exit 2
+fi
+for a in "$@"; do
+  case $a in -h|--help) exec testbed/run.sh --help ;; esac
+done
 
 scripts/install-deps.sh
 scripts/build.sh normal
 
-root=$(mktemp -d /tmp/vekd-demo-XXXXXX)
-trap 'rm -rf "$root"' EXIT
-mkdir -p "$root/data/vendor/vek" "$root/dev/__properties__"
-cp samples/vekd.conf "$root/data/vendor/vek/vekd.conf"
-echo 1 > "$root/dev/__properties__/vendor.vek.enabled"
-
-echo "vekd with VEKD_ROOT=$root:"
-VEKD_ROOT=$root build/bin/vekd
+exec testbed/run.sh --bin build/bin "$@"

@@ -9,6 +9,7 @@ packages=(
   android-liblog-dev android-libutils-dev android-libcutils-dev
   android-platform-frameworks-native-headers
   iptables iproute2 procps python3
+  openssl
 )
 
 missing=()

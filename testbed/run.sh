@@ -1,0 +1,124 @@
+#!/usr/bin/env bash
+# The two-link testbed: vekd steering real traffic between a WLAN and a WWAN
+# link, each shaped to a chosen rate, in network namespaces of its own.
+set -uo pipefail
+
+usage() {
+  cat <<'EOF'
+usage: testbed/run.sh [options]         (as root)
+
+Builds a handset namespace joined to a server namespace by two shaped links,
+wlan0 and rmnet_data0, runs vekstatd and vekd in the handset with wrappers
+around the real iptables and ip, configures the daemon through vekctl as the
+framework does, and downloads over HTTP as an enrolled application (UID
+10123) and, for contrast, as one that is not enrolled (UID 10124).
+
+Prints a line per evaluation period (each link's rate estimate and share),
+then a summary table; writes summary.txt, summary.json and picture.svg.
+
+Scenarios:
+  --slow-wlan    WLAN 1000 kbit/s, below wifi_threshold (1600): the WWAN
+                 (2000 kbit/s) fills in                          (default)
+  --fast-wlan    WLAN 4000 kbit/s: only the WLAN carries the traffic
+  --wlan-drop    WLAN 4000 kbit/s dropping to 1000 kbit/s halfway
+
+Options:
+  --duration S   seconds of traffic (default 40; 60 for --wlan-drop)
+  --wlan KBPS    override the WLAN rate (kbit/s of 1024 bit)
+  --wwan KBPS    override the WWAN rate
+  --workers N    parallel downloads per application (default 12)
+  --conn-time S  seconds the server sends on one download (default 1)
+  --bin DIR      where vekd, vekstatd and vekctl are (default build/bin)
+  --out DIR      where the summary and picture go
+                 (default build/testbed/SCENARIO)
+  --keep         keep the run's work directory (logs, daemon root)
+  --help         this text
+
+Everything runs in namespaces named after this process; they, the processes
+and the work directory are removed on exit, on Ctrl-C and on failure.
+EOF
+}
+
+here=$(cd "$(dirname "$0")" && pwd)
+repo=$(dirname "$here")
+scenario=slow-wlan duration="" wlan="" wwan="" workers=12 conn_time=1
+TB_BIN=$repo/build/bin out=""
+while (($#)); do
+  case $1 in
+    --slow-wlan|--fast-wlan|--wlan-drop) scenario=${1#--} ;;
+    --scenario) scenario=${2:-}; shift ;;
+    --duration) duration=${2:-}; shift ;;
+    --wlan) wlan=${2:-}; shift ;;
+    --wwan) wwan=${2:-}; shift ;;
+    --workers) workers=${2:-}; shift ;;
+    --conn-time) conn_time=${2:-}; shift ;;
+    --bin) TB_BIN=${2:-}; shift ;;
+    --out) out=${2:-}; shift ;;
+    --keep) TB_KEEP=1 ;;
+    -h|--help) usage; exit 0 ;;
+    *) echo "unknown option: $1 (see --help)" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+case $scenario in
+  slow-wlan) : "${wlan:=1000}" "${wwan:=2000}" "${duration:=40}" ;;
+  fast-wlan) : "${wlan:=4000}" "${wwan:=2000}" "${duration:=40}" ;;
+  wlan-drop) : "${wlan:=4000}" "${wwan:=2000}" "${duration:=60}"; drop_to=1000 ;;
+  *) echo "unknown scenario: $scenario (see --help)" >&2; exit 2 ;;
+esac
+for n in "$duration" "$wlan" "$wwan" "$workers"; do
+  [[ $n =~ ^[1-9][0-9]*$ ]] || { echo "not a positive whole number: $n" >&2; exit 2; }
+done
+[[ $conn_time =~ ^[0-9]*\.?[0-9]+$ ]] || { echo "not a number of seconds: $conn_time" >&2; exit 2; }
+[ "$(id -u)" = 0 ] || { echo "the testbed needs root (network namespaces)" >&2; exit 2; }
+
+TB_WLAN_KBPS=$wlan TB_WWAN_KBPS=$wwan
+TB_BIN=$(cd "$TB_BIN" 2>/dev/null && pwd) || { echo "no such directory: $TB_BIN" >&2; exit 2; }
+: "${out:=$repo/build/testbed/$scenario}"
+mkdir -p "$out" || exit 1
+out=$(cd "$out" && pwd)
+source "$here/lib.sh"
+
+tb_init
+tb_require
+echo "== scenario $scenario: wlan0 $wlan kbit/s, rmnet_data0 $wwan kbit/s, $duration s of traffic"
+tb_net_up
+tb_server_up
+tb_make_root
+tb_daemons_up
+tb_accounting
+tb_configure
+echo "== daemon configured through vekctl; its rules in the handset namespace:"
+tb_c iptables -w -t mangle -S | grep -E '^-N kwop|^-A (OUTPUT|kwop_fw_)' | sed 's/^/   /'
+tb_c ip rule show priority 25000 | sed 's/^/   /'
+
+echo "== traffic: UID $TB_UID_APP (enrolled) and UID $TB_UID_OTHER (not enrolled), $workers downloads each"
+tb_monitor_up
+tb_mark traffic
+tb_traffic app "$TB_UID_APP" "$duration" --workers "$workers" --conn-time "$conn_time" ${TB_TRAFFIC_EXTRA:-}
+tb_traffic other "$TB_UID_OTHER" "$duration" --workers "$workers" --conn-time "$conn_time" ${TB_TRAFFIC_EXTRA:-}
+t_start=$SECONDS
+if tb_wait_ratios 20; then
+  tb_mark measure
+else
+  echo "testbed: the daemon installed no ratio rules within 20 s" >&2
+fi
+if [ "$scenario" = wlan-drop ]; then
+  sleep $((duration / 2 - (SECONDS - t_start)))
+  echo "== wlan0 drops to $drop_to kbit/s"
+  tb_shape wlan0 "$drop_to" change
+fi
+wait "$TB_PID_app" "$TB_PID_other"
+tb_mark end
+sleep 1.5  # one more sample of the counters
+kill "$TB_PID_monitor" 2>/dev/null
+wait "$TB_PID_monitor" 2>/dev/null
+
+echo
+"$TB_PY" "$here/tbreport.py" report --timeline "$TB_WORK/timeline.jsonl" --out "$out" \
+  --links "${TB_LINKS[@]}" --app-result "$TB_WORK/app.out" --other-result "$TB_WORK/other.out" \
+  --app-uid "$TB_UID_APP" --other-uid "$TB_UID_OTHER" --scenario "$scenario" || exit 1
+cp "$TB_WORK/vekd.log" "$TB_WORK/timeline.jsonl" "$out/" 2>/dev/null
+echo
+echo "written: $out/summary.txt, $out/picture.svg (daemon log: $out/vekd.log)"

@@ -1,0 +1,721 @@
+#!/usr/bin/env python3
+"""The testbed's eyes: follows the daemon's log and the packet-filter
+counters while a run goes on, and afterwards turns what it saw into a summary
+table and an SVG picture.
+
+  monitor  live lines per evaluation period; writes a timeline (JSON lines)
+  counters reads `iptables -L -v -x -n` listings from stdin, prints JSON
+  report   summary table (text and JSON) and picture from a timeline
+  check    asserts the end-to-end expectations on a summary
+
+Rates are kbit/s with 1 kbit = 1024 bit, the unit of the daemon's estimates.
+"""
+import argparse
+import json
+import math
+import re
+import signal
+import statistics
+import subprocess
+import sys
+import time
+
+# --- parsing ---------------------------------------------------------------
+
+LOG_LINE = re.compile(
+    r"^(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d)\.(\d{3})\s+\d+\s+\d+ ([VDIWEF]) ([^:]*): (.*)$")
+TURN_LINE = re.compile(
+    r"^ VEK_RATIO : iface=(\S+), LRE= (-?\d+), PktCnt= (-?\d+), Max= (-?\d+), metered =(\d+)")
+RATIO_LINE = re.compile(r"^VEK_RATIO (\S+), (\d+), (-?[0-9.]+(?:e[-+]?\d+)?|-?nan|-?inf)$")
+TURN_END = re.compile(r"^ CALC2 -- ")
+PROBABILITY = re.compile(r"--probability (\S+).*-j (\S+)")
+COMMENT = re.compile(r"/\* (\S+) \*/")
+
+
+def log_time(month, day, hh, mm, ss, ms, year=None):
+    """Epoch seconds of a log timestamp (local time, year not logged)."""
+    if year is None:
+        year = time.localtime().tm_year
+    return time.mktime((year, month, day, hh, mm, ss, 0, 0, -1)) + ms / 1000.0
+
+
+def parse_log_line(line, year=None):
+    """(epoch, priority, tag, message) of one log line, or None."""
+    m = LOG_LINE.match(line.rstrip("\n"))
+    if not m:
+        return None
+    mo, d, hh, mi, ss, ms = (int(x) for x in m.groups()[:6])
+    return log_time(mo, d, hh, mi, ss, ms, year), m.group(7), m.group(8), m.group(9)
+
+
+class LogReader:
+    """Turns the daemon's log lines into timeline events.
+
+    A turn's per-link lines are collected until the turn ends (the debug line
+    that closes it, or a link met twice) and then given as one "turn" event.
+    Changes of the computed shares are "ratio" events; the current shares are
+    carried in each turn event.
+    """
+
+    def __init__(self, year=None):
+        self.year = year
+        self.shares = {}
+        self.pending = None  # {"t":..., "est":{}, "pkt":{}, "max":{}, "metered":{}}
+
+    def _flush(self):
+        ev, self.pending = self.pending, None
+        if ev is None:
+            return []
+        ev["share"] = dict(self.shares)
+        return [ev]
+
+    def feed(self, line):
+        parsed = parse_log_line(line, self.year)
+        if parsed is None:
+            return []
+        t, _prio, _tag, msg = parsed
+        m = TURN_LINE.match(msg)
+        if m:
+            out = []
+            if self.pending is not None and m.group(1) in self.pending["est"]:
+                out = self._flush()
+            if self.pending is None:
+                self.pending = {"kind": "turn", "t": t, "est": {}, "pkt": {}, "max": {},
+                                "metered": {}}
+            iface = m.group(1)
+            self.pending["est"][iface] = int(m.group(2))
+            self.pending["pkt"][iface] = int(m.group(3))
+            self.pending["max"][iface] = int(m.group(4))
+            self.pending["metered"][iface] = int(m.group(5))
+            return out
+        m = RATIO_LINE.match(msg)
+        if m:
+            ratio = float(m.group(3))
+            if not math.isfinite(ratio):
+                ratio = 0.0  # keeps the timeline valid JSON
+            self.shares[m.group(1)] = ratio
+            return [{"kind": "ratio", "t": t, "iface": m.group(1), "lre": int(m.group(2)),
+                     "ratio": ratio}]
+        if TURN_END.match(msg):
+            return self._flush()
+        return []
+
+    def close(self):
+        return self._flush()
+
+
+def parse_probabilities(rules_text):
+    """[(link, probability)] in rule order, from `iptables -S kwop_VEK`."""
+    out = []
+    for line in rules_text.splitlines():
+        m = PROBABILITY.search(line)
+        if m and m.group(2).startswith("kwop_fw_"):
+            out.append((m.group(2)[len("kwop_fw_"):], float(m.group(1))))
+    return out
+
+
+def cascade_shares(probabilities):
+    """Share of new connections each rule takes: a rule sees only what the
+    rules before it left. The rest stays unmarked."""
+    shares, left = {}, 1.0
+    for link, p in probabilities:
+        p = min(max(p, 0.0), 1.0)
+        shares[link] = shares.get(link, 0.0) + left * p
+        left -= left * p
+    shares["unmarked"] = max(left, 0.0)
+    return shares
+
+
+def parse_counters(text):
+    """Counters from `iptables -L CHAIN -v -x -n` listings, each preceded by a
+    line "== acct" or "== mark LINK". acct rules are named by their comments;
+    for a mark chain the packets of its MARK rule count."""
+    acct, mark, section = {}, {}, None
+    for line in text.splitlines():
+        if line.startswith("== "):
+            section = line[3:].split()
+            continue
+        fields = line.split()
+        if not section or len(fields) < 3 or not fields[0].isdigit():
+            continue
+        if section[0] == "acct":
+            m = COMMENT.search(line)
+            if m:
+                acct[m.group(1)] = int(fields[0])
+        elif section[0] == "mark" and len(section) > 1 and fields[2] == "MARK":
+            mark[section[1]] = mark.get(section[1], 0) + int(fields[0])
+    return {"acct": acct, "mark": mark}
+
+
+# --- analysis ----------------------------------------------------------------
+
+def load_timeline(path):
+    events = []
+    with open(path) as f:
+        for line in f:
+            line = line.strip()
+            if not line:
+                continue
+            try:
+                events.append(json.loads(line))
+            except ValueError:
+                continue  # a line cut short by a kill
+    events.sort(key=lambda e: e.get("t", 0))
+    return events
+
+
+def step_average(points, t0, t1, initial=0.0):
+    """Time average over [t0, t1] of a step function given as sorted
+    (t, value) points; before the first point the value is `initial`."""
+    if t1 <= t0:
+        return None
+    value, last, total = initial, t0, 0.0
+    for t, v in points:
+        if t <= t0:
+            value = v
+            continue
+        if t >= t1:
+            break
+        total += value * (t - last)
+        value, last = v, t
+    total += value * (t1 - last)
+    return total / (t1 - t0)
+
+
+def first_at_or_after(events, kind, t):
+    for e in events:
+        if e["kind"] == kind and e["t"] >= t:
+            return e
+    return None
+
+
+def last_before(events, kind, t):
+    found = None
+    for e in events:
+        if e["kind"] == kind and e["t"] <= t:
+            found = e
+    return found
+
+
+def segments(events):
+    """Measurement windows: from the "measure" mark to the "end" mark, cut at
+    every "shape" event in between. Each carries the shaped rates in force."""
+    start = next((e["t"] for e in events if e["kind"] == "mark" and e["name"] == "measure"), None)
+    end = next((e["t"] for e in events if e["kind"] == "mark" and e["name"] == "end"), None)
+    if start is None or end is None or end <= start:
+        return []
+    shaped = {}
+    cuts = []
+    for e in events:
+        if e["kind"] != "shape":
+            continue
+        if e["t"] <= start:
+            shaped[e["link"]] = e["kbps"]
+        elif e["t"] < end:
+            cuts.append(e)
+    out, t0 = [], start
+    for cut in cuts:
+        out.append({"t0": t0, "t1": cut["t"], "shaped": dict(shaped)})
+        shaped[cut["link"]] = cut["kbps"]
+        t0 = cut["t"]
+    out.append({"t0": t0, "t1": end, "shaped": dict(shaped)})
+    return out
+
+
+def summarize_segment(events, seg, links, settle):
+    t0, t1 = seg["t0"], seg["t1"]
+    turns = [e for e in events if e["kind"] == "turn" and t0 + settle <= e["t"] <= t1]
+    rules = [(e["t"], e["share"]) for e in events if e["kind"] == "rules"]
+    ratios = [e for e in events if e["kind"] == "ratio"]
+    c0 = first_at_or_after(events, "counters", t0)
+    c1 = first_at_or_after(events, "counters", t1) or last_before(events, "counters", float("inf"))
+    out = {"t0": t0, "t1": t1, "seconds": round(t1 - t0, 1), "links": {}}
+
+    app_total = app_marked = other_total = other_marked = 0
+    if c0 and c1 and c1["t"] > c0["t"]:
+        d = lambda table, key: c1[table].get(key, 0) - c0[table].get(key, 0)  # noqa: E731
+        app, other = "uid%s" % seg.get("app_uid", ""), "uid%s" % seg.get("other_uid", "")
+        app_total = d("acct", app + ":all")
+        other_total = d("acct", other + ":all")
+        for link in links:
+            app_marked += d("mark", link)
+            other_marked += d("acct", "%s:mark:%s" % (other, link))
+    for link in links:
+        est = [e["est"][link] for e in turns if e["est"].get(link, 0) > 0]
+        shaped = seg["shaped"].get(link)
+        median = statistics.median(est) if est else None
+        computed = step_average([(e["t"], e["ratio"]) for e in ratios if e["iface"] == link],
+                                t0, t1, initial=_share_before(ratios, link, t0))
+        installed_pts = [(t, s.get(link, 0.0)) for t, s in rules]
+        installed = step_average(installed_pts, t0, t1,
+                                 initial=_value_before(installed_pts, t0))
+        conns = None
+        if c0 and c1 and c1["t"] > c0["t"]:
+            conns = c1["mark"].get(link, 0) - c0["mark"].get(link, 0)
+        out["links"][link] = {
+            "shaped_kbps": shaped,
+            "estimated_kbps": median,
+            "estimates": len(est),
+            "error_pct": (round(100.0 * (median - shaped) / shaped, 1)
+                          if median is not None and shaped else None),
+            "computed_share": _round(computed),
+            "installed_share": _round(installed),
+            "connections": conns,
+            "carried_share": (_round(conns / app_total) if conns is not None and app_total
+                              else None),
+        }
+    out["app_connections"] = app_total
+    out["app_unmarked"] = app_total - app_marked if app_total else 0
+    out["other_connections"] = other_total
+    out["other_marked"] = other_marked
+    return out
+
+
+def _share_before(ratios, link, t0):
+    value = 0.0
+    for e in ratios:
+        if e["iface"] == link and e["t"] <= t0:
+            value = e["ratio"]
+    return value
+
+
+def _value_before(points, t0):
+    value = 0.0
+    for t, v in points:
+        if t <= t0:
+            value = v
+    return value
+
+
+def _round(x, nd=3):
+    return None if x is None else round(x, nd)
+
+
+def summarize(events, links, traffic, app_uid, other_uid, settle=3.0, scenario=""):
+    segs = segments(events)
+    for s in segs:
+        s["app_uid"], s["other_uid"] = app_uid, other_uid
+    return {
+        "scenario": scenario,
+        "links": links,
+        "segments": [summarize_segment(events, s, links, settle) for s in segs],
+        "traffic": traffic,
+        "app_uid": app_uid,
+        "other_uid": other_uid,
+    }
+
+
+# --- presentation ------------------------------------------------------------
+
+def _fmt(x, spec, none="-"):
+    return none if x is None else format(x, spec)
+
+
+def format_summary(summary):
+    lines = []
+    title = "Summary"
+    if summary.get("scenario"):
+        title += " - scenario " + summary["scenario"]
+    lines += [title, "=" * len(title), ""]
+    segs = summary["segments"]
+    if not segs:
+        lines.append("(no measurement window: the daemon never installed ratio rules)")
+    for i, seg in enumerate(segs):
+        if len(segs) > 1:
+            lines.append("Period %d of %d (%.0f s)" % (i + 1, len(segs), seg["seconds"]))
+        else:
+            lines.append("Measured over %.0f s" % seg["seconds"])
+        lines.append("%-12s %8s %10s %7s %9s %9s %9s %7s" % (
+            "link", "shaped", "estimated", "error", "computed", "installed", "carried",
+            "conns"))
+        lines.append("%-12s %8s %10s %7s %9s %9s %9s %7s" % (
+            "", "kbit/s", "kbit/s", "", "share", "share", "share", ""))
+        for link in summary["links"]:
+            r = seg["links"][link]
+            est = r["estimated_kbps"]
+            lines.append("%-12s %8s %10s %7s %9s %9s %9s %7s" % (
+                link, _fmt(r["shaped_kbps"], "d"),
+                "idle" if est is None else "%.0f" % est,
+                "-" if r["error_pct"] is None else "%+.1f%%" % r["error_pct"],
+                _fmt(r["computed_share"], ".2f"), _fmt(r["installed_share"], ".2f"),
+                _fmt(r["carried_share"], ".2f"), _fmt(r["connections"], "d")))
+        total = seg["app_connections"]
+        lines.append("%-12s %8s %10s %7s %9s %9s %9s %7s" % (
+            "(unmarked)", "", "", "", "", "", _fmt(seg["app_unmarked"] / total, ".2f")
+            if total else "-", seg["app_unmarked"]))
+        lines.append("new connections of UID %s: %d; of UID %s: %d, of which marked: %d" % (
+            summary["app_uid"], total, summary["other_uid"], seg["other_connections"],
+            seg["other_marked"]))
+        lines.append("")
+    traffic = summary.get("traffic") or {}
+    if traffic:
+        lines.append("%-24s %7s %12s %10s" % ("application", "UID", "connections", "goodput"))
+        lines.append("%-24s %7s %12s %10s" % ("", "", "", "kbit/s"))
+        for label, key in (("enrolled (both links)", "app"), ("not enrolled", "other")):
+            t = traffic.get(key)
+            if t:
+                lines.append("%-24s %7s %12d %10.0f" % (label, t.get("uid"), t["connections"],
+                                                        t["goodput_kbps"]))
+        lines.append("")
+    lines.append("Rates in kbit/s of 1024 bit; shares are of the enrolled UID's new "
+                 "connections to port 80/443.")
+    lines.append("computed: the daemon's ratios; installed: the probabilities in kwop_VEK; "
+                 "carried: MARK rule counters.")
+    return "\n".join(lines)
+
+
+COLORS = {0: "#1f77b4", 1: "#d62728", 2: "#2ca02c", 3: "#9467bd"}
+
+
+def _esc(s):
+    return str(s).replace("&", "&amp;").replace("<", "&lt;").replace(">", "&gt;")
+
+
+def render_svg(events, links, title=""):
+    """Two panels over time: each link's rate estimate (with its shaped rate
+    dashed), and each link's computed share (with the carried share as dots,
+    from counter differences between samples)."""
+    width, height = 900, 560
+    left, right = 70, 150
+    panels = [(50, 230), (320, 500)]  # y top, y bottom
+    start = next((e["t"] for e in events if e["kind"] == "mark" and e["name"] == "traffic"),
+                 events[0]["t"] if events else 0.0)
+    end = max([e["t"] for e in events] + [start + 1.0])
+    span = end - start
+
+    def x(t):
+        return left + (width - left - right) * (t - start) / span
+
+    turns = [e for e in events if e["kind"] == "turn" and e["t"] >= start]
+    shapes = [e for e in events if e["kind"] == "shape"]
+    peak = max([v for e in turns for v in e["est"].values()] +
+               [e["kbps"] for e in shapes] + [100])
+    rate_step = _tick_step(peak * 1.05, 6)
+    ymax = rate_step * -(-peak * 1.05 // rate_step)
+
+    def y_rate(v):
+        top, bottom = panels[0]
+        return bottom - (bottom - top) * min(v, ymax) / ymax
+
+    def y_share(v):
+        top, bottom = panels[1]
+        return bottom - (bottom - top) * min(max(v, 0.0), 1.0)
+
+    out = ['<svg xmlns="http://www.w3.org/2000/svg" width="%d" height="%d" '
+           'font-family="sans-serif" font-size="12">' % (width, height),
+           '<rect width="100%" height="100%" fill="white"/>']
+    if title:
+        out.append('<text x="%d" y="22" font-size="15" font-weight="bold">%s</text>'
+                   % (left, _esc(title)))
+    for (top, bottom), label in zip(panels, ("rate estimate, kbit/s", "share of new connections")):
+        out.append('<rect x="%d" y="%d" width="%d" height="%d" fill="none" stroke="#888"/>'
+                   % (left, top, width - left - right, bottom - top))
+        out.append('<text x="%d" y="%d" transform="rotate(-90 %d %d)" text-anchor="middle">%s'
+                   '</text>' % (18, (top + bottom) // 2, 18, (top + bottom) // 2, _esc(label)))
+    ticks = [(y_rate(i * rate_step), "%d" % (i * rate_step))
+             for i in range(int(round(ymax / rate_step)) + 1)]
+    ticks += [(y_share(i / 4), "%.2f" % (i / 4)) for i in range(5)]
+    for yy, text in ticks:
+        out.append('<text x="%d" y="%.1f" text-anchor="end">%s</text>' % (left - 5, yy + 4, text))
+        out.append('<line x1="%d" x2="%d" y1="%.1f" y2="%.1f" stroke="#eee"/>'
+                   % (left, width - right, yy, yy))
+    step = _tick_step(span, 10)
+    t = 0.0
+    while t <= span:
+        out.append('<text x="%.1f" y="%d" text-anchor="middle">%g</text>'
+                   % (x(start + t), panels[1][1] + 16, t))
+        t += step
+    out.append('<text x="%d" y="%d" text-anchor="middle">time, s</text>'
+               % ((left + width - right) // 2, panels[1][1] + 34))
+    for e in events:
+        if e["kind"] == "mark" and e["name"] in ("measure", "end") and e["t"] >= start:
+            out.append('<line x1="%.1f" x2="%.1f" y1="%d" y2="%d" stroke="#bbb" '
+                       'stroke-dasharray="2,3"/>' % (x(e["t"]), x(e["t"]), panels[0][0],
+                                                      panels[1][1]))
+
+    for i, link in enumerate(links):
+        color = COLORS[i % len(COLORS)]
+        # shaped rate: dashed steps
+        pts, current = [], None
+        for e in shapes:
+            if e["link"] != link:
+                continue
+            if current is not None:
+                pts.append((max(e["t"], start), current))
+            current = e["kbps"]
+            pts.append((max(e["t"], start), current))
+        if current is not None:
+            pts.append((end, current))
+            out.append('<polyline fill="none" stroke="%s" stroke-dasharray="6,4" '
+                       'stroke-width="1.5" points="%s"/>'
+                       % (color, " ".join("%.1f,%.1f" % (x(t), y_rate(v)) for t, v in pts)))
+        est = [(e["t"], e["est"][link]) for e in turns if link in e["est"]]
+        if est:
+            out.append('<polyline fill="none" stroke="%s" stroke-width="2" points="%s"/>'
+                       % (color, " ".join("%.1f,%.1f" % (x(t), y_rate(v)) for t, v in est)))
+        # computed share: steps
+        share_pts, value = [(start, 0.0)], 0.0
+        for e in events:
+            if e["kind"] == "ratio" and e["iface"] == link:
+                if e["t"] <= start:
+                    share_pts = [(start, e["ratio"])]
+                else:
+                    share_pts += [(e["t"], value), (e["t"], e["ratio"])]
+                value = e["ratio"]
+        share_pts.append((end, value))
+        out.append('<polyline fill="none" stroke="%s" stroke-width="2" points="%s"/>'
+                   % (color, " ".join("%.1f,%.1f" % (x(t), y_share(v)) for t, v in share_pts)))
+        for t, v in carried_points(events, link, start):
+            out.append('<circle cx="%.1f" cy="%.1f" r="2.5" fill="%s" fill-opacity="0.6"/>'
+                       % (x(t), y_share(v), color))
+        ly = panels[0][0] + 20 + 22 * i
+        out.append('<line x1="%d" x2="%d" y1="%d" y2="%d" stroke="%s" stroke-width="2"/>'
+                   % (width - right + 10, width - right + 30, ly, ly, color))
+        out.append('<text x="%d" y="%d">%s</text>' % (width - right + 35, ly + 4, _esc(link)))
+    ly = panels[0][0] + 20 + 22 * len(links) + 10
+    out.append('<line x1="%d" x2="%d" y1="%d" y2="%d" stroke="#555" stroke-dasharray="6,4"/>'
+               % (width - right + 10, width - right + 30, ly, ly))
+    out.append('<text x="%d" y="%d">shaped rate</text>' % (width - right + 35, ly + 4))
+    ly = panels[1][0] + 20
+    out.append('<line x1="%d" x2="%d" y1="%d" y2="%d" stroke="#555" stroke-width="2"/>'
+               % (width - right + 10, width - right + 30, ly, ly))
+    out.append('<text x="%d" y="%d">computed</text>' % (width - right + 35, ly + 4))
+    out.append('<circle cx="%d" cy="%d" r="3" fill="#555"/>' % (width - right + 20, ly + 22))
+    out.append('<text x="%d" y="%d">carried (5 s)</text>' % (width - right + 35, ly + 26))
+    out.append("</svg>")
+    return "\n".join(out) + "\n"
+
+
+def carried_points(events, link, start, window=5.0):
+    """Share of the enrolled UID's new connections marked for `link`, from
+    counter samples `window` seconds apart."""
+    samples = [e for e in events if e["kind"] == "counters" and e["t"] >= start]
+    out = []
+    app = next((e.get("app_uid") for e in samples if e.get("app_uid")), None)
+    j = 0
+    for i, s in enumerate(samples):
+        while j < i and samples[j]["t"] < s["t"] - window:
+            j += 1
+        if j >= i or s["t"] - samples[j]["t"] < window * 0.8:
+            continue
+        a, b = samples[j], s
+        total = b["acct"].get("uid%s:all" % app, 0) - a["acct"].get("uid%s:all" % app, 0)
+        if total <= 0:
+            continue
+        mine = b["mark"].get(link, 0) - a["mark"].get(link, 0)
+        out.append(((a["t"] + b["t"]) / 2, mine / total))
+    return out[::2]
+
+
+def _tick_step(span, most):
+    """The smallest step of 1, 2 or 5 times a power of ten that cuts `span`
+    into at most `most` parts."""
+    step = 1.0
+    while span / step > most:
+        for m in (2.0, 2.5, 2.0):  # 1 -> 2 -> 5 -> 10
+            step *= m
+            if span / step <= most:
+                break
+    return step
+
+
+def live_header(links):
+    return "  time  |  " + "  |  ".join("%-11s %6s         %s" % (l, "estimate", "share") for l in links)
+
+
+def live_line(turn, t0, links):
+    parts = ["%6.1fs" % (turn["t"] - t0)]
+    for link in links:
+        est = turn["est"].get(link)
+        share = turn["share"].get(link)
+        parts.append("%-11s %6s kbit/s  share %s" % (
+            link, "-" if est is None else est, "-" if share is None else "%.2f" % share))
+    return "  |  ".join(parts)
+
+
+# --- commands ----------------------------------------------------------------
+
+def iptables(*args):
+    r = subprocess.run(["iptables", "-w", "-t", "mangle"] + list(args),
+                       capture_output=True, text=True)
+    return r.stdout if r.returncode == 0 else ""
+
+
+def sample_rules(links, app_uid):
+    now = time.time()
+    probs = parse_probabilities(iptables("-S", "kwop_VEK"))
+    text = "== acct\n" + iptables("-L", "tb_acct", "-v", "-x", "-n")
+    for link in links:
+        text += "== mark %s\n" % link + iptables("-L", "kwop_fw_" + link, "-v", "-x", "-n")
+    out = [{"kind": "counters", "t": now, "app_uid": app_uid, **parse_counters(text)}]
+    # The daemon writes one rule per link after flushing the chain; a listing
+    # with fewer caught it in the middle of a rewrite.
+    if len(probs) == len(links):
+        out.append({"kind": "rules", "t": now, "prob": probs, "share": cascade_shares(probs)})
+    return out
+
+
+def cmd_monitor(args):
+    stop = []
+    signal.signal(signal.SIGTERM, lambda *_: stop.append(1))
+    signal.signal(signal.SIGINT, lambda *_: stop.append(1))
+    reader = LogReader()
+    out = open(args.timeline, "a")
+    t0 = time.time()
+    print(live_header(args.links), flush=True)
+    pos = 0
+    next_sample = 0.0
+    buf = ""
+
+    def emit(ev):
+        out.write(json.dumps(ev) + "\n")
+        out.flush()
+
+    while not stop:
+        try:
+            with open(args.log, errors="replace") as f:
+                f.seek(pos)
+                buf += f.read()
+                pos = f.tell()
+        except OSError:
+            pass
+        *complete, buf = buf.split("\n")
+        for line in complete:
+            for ev in reader.feed(line):
+                emit(ev)
+                if ev["kind"] == "turn" and ev["t"] >= t0 - 0.5:
+                    print(live_line(ev, t0, args.links), flush=True)
+        now = time.monotonic()
+        if now >= next_sample:
+            next_sample = now + args.sample
+            for ev in sample_rules(args.links, args.app_uid):
+                emit(ev)
+        time.sleep(0.2)
+    for ev in reader.close():
+        emit(ev)
+    out.close()
+    return 0
+
+
+def cmd_counters(_args):
+    print(json.dumps(parse_counters(sys.stdin.read())))
+    return 0
+
+
+def cmd_report(args):
+    events = load_timeline(args.timeline)
+    traffic = {}
+    for key, path in (("app", args.app_result), ("other", args.other_result)):
+        if path:
+            traffic[key] = _last_json(path)
+    summary = summarize(events, args.links, traffic, args.app_uid, args.other_uid,
+                        settle=args.settle, scenario=args.scenario)
+    with open(args.out + "/summary.json", "w") as f:
+        json.dump(summary, f, indent=1)
+    text = format_summary(summary)
+    with open(args.out + "/summary.txt", "w") as f:
+        f.write(text + "\n")
+    with open(args.out + "/picture.svg", "w") as f:
+        f.write(render_svg(events, args.links, title="vekd testbed: " + args.scenario))
+    print(text)
+    return 0
+
+
+def _last_json(path):
+    try:
+        with open(path) as f:
+            lines = [l for l in f.read().splitlines() if l.startswith("{")]
+        return json.loads(lines[-1]) if lines else None
+    except (OSError, ValueError):
+        return None
+
+
+def check_summary(summary, tolerance_pp, min_conns, segment=-1):
+    """Failures (texts) of the end-to-end expectations; empty when all hold."""
+    fails = []
+    if not summary["segments"]:
+        return ["no measurement window"]
+    seg = summary["segments"][segment]
+    if seg["app_connections"] < min_conns:
+        fails.append("only %d new connections of the enrolled UID (need %d)"
+                     % (seg["app_connections"], min_conns))
+    spread = [l for l, r in seg["links"].items() if r["connections"]]
+    if len(spread) < len(seg["links"]):
+        fails.append("connections not spread over every link: %s"
+                     % {l: r["connections"] for l, r in seg["links"].items()})
+    for link, r in seg["links"].items():
+        if r["carried_share"] is None or r["computed_share"] is None:
+            fails.append("%s: no share measured" % link)
+            continue
+        diff = 100.0 * abs(r["carried_share"] - r["computed_share"])
+        if diff > tolerance_pp:
+            fails.append("%s: carried share %.3f vs computed %.3f (%.1f points apart)"
+                         % (link, r["carried_share"], r["computed_share"], diff))
+    if seg["other_connections"] == 0:
+        fails.append("the not-enrolled UID made no connections")
+    if seg["other_marked"] != 0:
+        fails.append("%d connections of the not-enrolled UID were marked" % seg["other_marked"])
+    return fails
+
+
+def check_rates(summary, tolerance_pct, segment=-1):
+    """Failures of the estimates against the shaped rates, every link busy."""
+    if not summary["segments"]:
+        return ["no measurement window"]
+    fails = []
+    for link, r in summary["segments"][segment]["links"].items():
+        if r["error_pct"] is None:
+            fails.append("%s: no rate estimate" % link)
+        elif abs(r["error_pct"]) > tolerance_pct:
+            fails.append("%s: estimate %.0f kbit/s against %d shaped (%+.1f %%)"
+                         % (link, r["estimated_kbps"], r["shaped_kbps"], r["error_pct"]))
+    return fails
+
+
+def cmd_check(args):
+    with open(args.summary) as f:
+        summary = json.load(f)
+    if args.cmd == "check-rates":
+        fails = check_rates(summary, args.tolerance)
+    else:
+        fails = check_summary(summary, args.tolerance, args.min_conns)
+    for f_ in fails:
+        print("  " + f_)
+    return 1 if fails else 0
+
+
+def main(argv):
+    p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    sub = p.add_subparsers(dest="cmd", required=True)
+    m = sub.add_parser("monitor", help="live lines and timeline (run in the client namespace)")
+    m.add_argument("--log", required=True)
+    m.add_argument("--timeline", required=True)
+    m.add_argument("--links", nargs="+", required=True)
+    m.add_argument("--app-uid", default="10123")
+    m.add_argument("--sample", type=float, default=1.0, help="seconds between rule samples")
+    sub.add_parser("counters", help="parse iptables listings from stdin")
+    r = sub.add_parser("report", help="summary table and picture")
+    r.add_argument("--timeline", required=True)
+    r.add_argument("--links", nargs="+", required=True)
+    r.add_argument("--out", required=True, help="directory for summary.* and picture.svg")
+    r.add_argument("--app-result")
+    r.add_argument("--other-result")
+    r.add_argument("--app-uid", default="10123")
+    r.add_argument("--other-uid", default="10124")
+    r.add_argument("--scenario", default="")
+    r.add_argument("--settle", type=float, default=3.0,
+                   help="seconds after a change before estimates count")
+    c = sub.add_parser("check", help="assert shares and marks on summary.json")
+    c.add_argument("--summary", required=True)
+    c.add_argument("--tolerance", type=float, default=10.0, help="percentage points")
+    c.add_argument("--min-conns", type=int, default=400)
+    c = sub.add_parser("check-rates", help="assert the estimates on summary.json")
+    c.add_argument("--summary", required=True)
+    c.add_argument("--tolerance", type=float, default=20.0, help="percent of the shaped rate")
+    args = p.parse_args(argv)
+    return {"monitor": cmd_monitor, "counters": cmd_counters, "report": cmd_report,
+            "check": cmd_check, "check-rates": cmd_check}[args.cmd](args)
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

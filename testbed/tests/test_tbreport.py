@@ -1,0 +1,268 @@
+"""The testbed's report tool against fixed log texts, iptables listings and
+timelines."""
+import json
+import os
+import sys
+import unittest
+import xml.etree.ElementTree as ET
+
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+import tbreport as tb  # noqa: E402
+
+YEAR = 2030
+
+
+def log(ts, prio, tag, msg):
+    return "11-22 %s 20361 20361 %s %s: %s" % (ts, prio, tag, msg)
+
+
+def turn_line(ts, iface, lre, metered, pkt=12):
+    return log(ts, "D", "VekStatsImpl",
+               " VEK_RATIO : iface=%s, LRE= %d, PktCnt= %d, Max= %d, metered =%d "
+               "mamaxUnmeteredLRE=0" % (iface, lre, pkt, lre, metered))
+
+
+class LogParsing(unittest.TestCase):
+    def test_line_fields_and_local_time(self):
+        t, prio, tag, msg = tb.parse_log_line(
+            log("16:33:35.326", "E", "VekStatsImpl", "VEK_RATIO wlan0, 967, 0.604375"), YEAR)
+        self.assertEqual((prio, tag, msg), ("E", "VekStatsImpl", "VEK_RATIO wlan0, 967, 0.604375"))
+        t2 = tb.parse_log_line(log("16:33:36.000", "I", "x", "y"), YEAR)[0]
+        self.assertAlmostEqual(t2 - t, 0.674, places=3)
+        # a message that itself holds ": " keeps it
+        self.assertEqual(tb.parse_log_line(log("16:33:35.326", "I", "vekd", "a: b"), YEAR)[3], "a: b")
+
+    def test_lines_that_are_not_log_records(self):
+        for line in ("", "sh: 1: iptables: not found", "a matching rule exist in that chain?).",
+                     "11-22 16:33:35 1 1 E tag: no milliseconds"):
+            self.assertIsNone(tb.parse_log_line(line, YEAR), line)
+
+    def test_turns_end_at_the_closing_line_and_carry_the_current_shares(self):
+        r = tb.LogReader(YEAR)
+        lines = [
+            log("10:00:00.000", "D", "VekStatsImpl", " CALC2 ++ "),
+            turn_line("10:00:00.001", "rmnet_data0", 0, 1),
+            turn_line("10:00:00.002", "wlan0", 0, 0),
+            log("10:00:00.003", "E", "VekStatsImpl", "VEK_RATIO rmnet_data0, 0, 0.500000"),
+            log("10:00:00.003", "E", "VekStatsImpl", "VEK_RATIO wlan0, 0, 0.500000"),
+            log("10:00:00.009", "D", "VekStatsImpl", " CALC2 -- "),
+            turn_line("10:00:01.001", "rmnet_data0", 1944, 1),
+            turn_line("10:00:01.002", "wlan0", 967, 0),
+            log("10:00:01.003", "E", "VekStatsImpl", "VEK_RATIO wlan0, 967, 0.604375"),
+            log("10:00:01.003", "E", "VekStatsImpl", "VEK_RATIO rmnet_data0, 1944, 0.395625"),
+            log("10:00:01.009", "D", "VekStatsImpl", " CALC2 -- "),
+        ]
+        events = [e for line in lines for e in r.feed(line)]
+        turns = [e for e in events if e["kind"] == "turn"]
+        ratios = [e for e in events if e["kind"] == "ratio"]
+        self.assertEqual(len(turns), 2)
+        self.assertEqual(len(ratios), 4)
+        self.assertEqual(turns[0]["share"], {"rmnet_data0": 0.5, "wlan0": 0.5})
+        self.assertEqual(turns[1]["est"], {"rmnet_data0": 1944, "wlan0": 967})
+        self.assertEqual(turns[1]["metered"], {"rmnet_data0": 1, "wlan0": 0})
+        self.assertAlmostEqual(turns[1]["share"]["rmnet_data0"], 0.395625)
+        self.assertEqual(r.close(), [])
+
+    def test_without_closing_lines_a_repeated_link_starts_the_next_turn(self):
+        r = tb.LogReader(YEAR)
+        events = []
+        for i, (iface, lre) in enumerate([("a", 1), ("b", 2), ("a", 3), ("b", 4)]):
+            events += r.feed(turn_line("10:00:0%d.000" % i, iface, lre, 0))
+        events += r.close()
+        self.assertEqual([e["est"] for e in events], [{"a": 1, "b": 2}, {"a": 3, "b": 4}])
+
+    def test_other_ratio_texts_are_not_share_changes(self):
+        r = tb.LogReader(YEAR)
+        for msg in ("calcVekRatios VEK_RATIO (1) iface= wlan0 metered =0, LRE = 5 , calcRatio =0.1 ",
+                    "calcVekRatios VEK_RATIO zeroRatioCnt = 1 ",
+                    "calcVekRatios VEK_RATIO total ratio can ges enough = 0.3 , threshold= 0.02"):
+            self.assertEqual(r.feed(log("10:00:00.000", "D", "VekStatsImpl", msg)), [])
+        ev = r.feed(log("10:00:00.000", "E", "VekStatsImpl", "VEK_RATIO wlan0, 5, -nan"))
+        self.assertEqual(ev[0]["ratio"], 0.0)
+
+
+VEK_RULES = """-N kwop_VEK
+-A kwop_VEK -p tcp -m multiport --dports 80,443 -m state --state NEW -m statistic --mode random --probability 0.60312499991 -j kwop_fw_wlan0
+-A kwop_VEK -p tcp -m multiport --dports 80,443 -m state --state NEW -m statistic --mode random --probability 0.99999999953 -j kwop_fw_rmnet_data0
+"""
+
+COUNTERS = """== acct
+Chain tb_acct (1 references)
+    pkts      bytes target     prot opt in     out     source               destination
+     500    30000            6    --  *      *       0.0.0.0/0            0.0.0.0/0            owner UID match 10123 /* uid10123:all */
+     301    18060            6    --  *      *       0.0.0.0/0            0.0.0.0/0            owner UID match 10123 mark match 0x5a /* uid10123:mark:wlan0 */
+       7      420            6    --  *      *       0.0.0.0/0            0.0.0.0/0            owner UID match 10124 mark match 0x5b /* uid10124:mark:rmnet_data0 */
+== mark wlan0
+Chain kwop_fw_wlan0 (2 references)
+    pkts      bytes target     prot opt in     out     source               destination
+     301    18060 MARK       0    --  *      *       0.0.0.0/0            0.0.0.0/0            MARK set 0x5a
+     301    18060 CONNMARK   0    --  *      *       0.0.0.0/0            0.0.0.0/0            CONNMARK save
+     301    18060 ACCEPT     0    --  *      *       0.0.0.0/0            0.0.0.0/0
+== mark rmnet_data0
+"""
+
+
+class RulesAndCounters(unittest.TestCase):
+    def test_cascade_of_installed_probabilities(self):
+        probs = tb.parse_probabilities(VEK_RULES)
+        self.assertEqual([l for l, _ in probs], ["wlan0", "rmnet_data0"])
+        shares = tb.cascade_shares(probs)
+        self.assertAlmostEqual(shares["wlan0"], 0.603125, places=6)
+        self.assertAlmostEqual(shares["rmnet_data0"], 0.396875, places=6)
+        self.assertAlmostEqual(shares["unmarked"], 0.0, places=6)
+
+    def test_cascade_leaves_the_rest_unmarked_and_clamps(self):
+        shares = tb.cascade_shares([("a", 0.5), ("b", 0.5)])
+        self.assertAlmostEqual(shares["b"], 0.25)
+        self.assertAlmostEqual(shares["unmarked"], 0.25)
+        # a probability above 1 (ratios summing past 1) takes all that is left
+        shares = tb.cascade_shares([("a", 0.8), ("b", 4.0)])
+        self.assertAlmostEqual(shares["b"], 0.2)
+        self.assertAlmostEqual(shares["unmarked"], 0.0)
+        self.assertEqual(tb.cascade_shares([]), {"unmarked": 1.0})
+
+    def test_only_jumps_to_mark_chains_count(self):
+        text = "-A kwop_VEK -m statistic --mode random --probability 0.5 -j ACCEPT\n"
+        self.assertEqual(tb.parse_probabilities(text), [])
+
+    def test_counters_by_comment_and_mark_rule(self):
+        c = tb.parse_counters(COUNTERS)
+        self.assertEqual(c["acct"], {"uid10123:all": 500, "uid10123:mark:wlan0": 301,
+                                     "uid10124:mark:rmnet_data0": 7})
+        self.assertEqual(c["mark"], {"wlan0": 301})
+
+
+def timeline(shape_change=False):
+    """Two links over 20 s: 1000 and 2000 kbit/s shaped, estimates a little
+    below, shares 0.6/0.4, counters growing by 10 connections a second of
+    which 6 go to wlan0."""
+    ev = [{"kind": "shape", "link": "wlan0", "kbps": 1000, "t": 0.0},
+          {"kind": "shape", "link": "rmnet_data0", "kbps": 2000, "t": 0.0},
+          {"kind": "mark", "name": "traffic", "t": 1.0},
+          {"kind": "mark", "name": "measure", "t": 2.0},
+          {"kind": "ratio", "t": 1.5, "iface": "wlan0", "lre": 950, "ratio": 0.6},
+          {"kind": "ratio", "t": 1.5, "iface": "rmnet_data0", "lre": 1900, "ratio": 0.4},
+          {"kind": "mark", "name": "end", "t": 22.0}]
+    if shape_change:
+        ev.append({"kind": "shape", "link": "wlan0", "kbps": 4000, "t": 12.0})
+    for s in range(2, 24):
+        fast = shape_change and s >= 12
+        ev.append({"kind": "turn", "t": s + 0.1,
+                   "est": {"wlan0": 3900 if fast else 950 + (s % 3) * 10, "rmnet_data0": 1900},
+                   "pkt": {}, "max": {}, "metered": {}, "share": {}})
+        ev.append({"kind": "rules", "t": s + 0.0, "prob": [],
+                   "share": {"wlan0": 0.6, "rmnet_data0": 0.4, "unmarked": 0.0}})
+        n = s - 2
+        ev.append({"kind": "counters", "t": s + 0.0, "app_uid": "10123",
+                   "acct": {"uid10123:all": 10 * n, "uid10124:all": 5 * n},
+                   "mark": {"wlan0": 6 * n, "rmnet_data0": 4 * n}})
+    ev.sort(key=lambda e: e["t"])
+    return ev
+
+
+class Analysis(unittest.TestCase):
+    def test_step_average(self):
+        pts = [(1.0, 1.0), (3.0, 0.0)]
+        self.assertAlmostEqual(tb.step_average(pts, 0.0, 4.0), 0.5)
+        self.assertAlmostEqual(tb.step_average(pts, 2.0, 4.0, initial=1.0), 0.5)
+        self.assertAlmostEqual(tb.step_average([], 0.0, 2.0, initial=0.3), 0.3)
+        self.assertIsNone(tb.step_average(pts, 2.0, 2.0))
+
+    def test_summary_of_one_window(self):
+        s = tb.summarize(timeline(), ["wlan0", "rmnet_data0"], {}, "10123", "10124")
+        self.assertEqual(len(s["segments"]), 1)
+        seg = s["segments"][0]
+        w, r = seg["links"]["wlan0"], seg["links"]["rmnet_data0"]
+        self.assertEqual(seg["app_connections"], 200)
+        self.assertEqual(seg["other_connections"], 100)
+        self.assertEqual(seg["other_marked"], 0)
+        self.assertEqual((w["connections"], r["connections"]), (120, 80))
+        self.assertEqual((w["carried_share"], r["carried_share"]), (0.6, 0.4))
+        self.assertEqual((w["computed_share"], r["computed_share"]), (0.6, 0.4))
+        self.assertEqual(w["estimated_kbps"], 960)
+        self.assertEqual(w["error_pct"], -4.0)
+        self.assertEqual(r["error_pct"], -5.0)
+        self.assertEqual(tb.check_summary(s, 10, 200), [])
+        self.assertEqual(tb.check_rates(s, 20), [])
+        self.assertNotEqual(tb.check_rates(s, 4.5), [])
+
+    def test_a_shaping_change_cuts_the_window(self):
+        s = tb.summarize(timeline(shape_change=True), ["wlan0", "rmnet_data0"], {}, "10123", "10124")
+        first, second = s["segments"]
+        self.assertEqual(first["links"]["wlan0"]["shaped_kbps"], 1000)
+        self.assertEqual(second["links"]["wlan0"]["shaped_kbps"], 4000)
+        self.assertEqual(second["links"]["wlan0"]["estimated_kbps"], 3900)
+        self.assertEqual(first["app_connections"] + second["app_connections"], 200)
+
+    def test_no_window_without_measure_mark(self):
+        ev = [e for e in timeline() if e.get("name") != "measure"]
+        s = tb.summarize(ev, ["wlan0"], {}, "10123", "10124")
+        self.assertEqual(s["segments"], [])
+        self.assertEqual(tb.check_summary(s, 10, 1), ["no measurement window"])
+        self.assertIn("no measurement window", tb.format_summary(s))
+
+    def test_checks_catch_what_goes_wrong(self):
+        ev = timeline()
+        for e in ev:
+            if e["kind"] == "counters":
+                n = int(e["t"]) - 2
+                e["mark"] = {"wlan0": 9 * n, "rmnet_data0": 1 * n}   # carried 0.9 / 0.1
+                e["acct"]["uid10124:mark:wlan0"] = 1 if n else 0
+        s = tb.summarize(ev, ["wlan0", "rmnet_data0"], {}, "10123", "10124")
+        fails = tb.check_summary(s, 10, 400)
+        text = "\n".join(fails)
+        self.assertIn("only 200 new connections", text)
+        self.assertIn("wlan0: carried share 0.900 vs computed 0.600", text)
+        self.assertIn("rmnet_data0: carried share", text)
+        self.assertIn("1 connections of the not-enrolled UID were marked", text)
+
+    def test_an_idle_link_has_no_estimate(self):
+        ev = [e for e in timeline() if e["kind"] != "turn"]
+        s = tb.summarize(ev, ["wlan0", "rmnet_data0"], {}, "10123", "10124")
+        r = s["segments"][0]["links"]["rmnet_data0"]
+        self.assertIsNone(r["estimated_kbps"])
+        self.assertEqual(tb.check_rates(s, 20), ["wlan0: no rate estimate",
+                                                 "rmnet_data0: no rate estimate"])
+        self.assertIn("idle", tb.format_summary(s))
+
+
+class Presentation(unittest.TestCase):
+    def test_summary_table(self):
+        traffic = {"app": {"uid": 10123, "connections": 210, "goodput_kbps": 2019.4},
+                   "other": {"uid": 10124, "connections": 105, "goodput_kbps": 356.0}}
+        s = tb.summarize(timeline(), ["wlan0", "rmnet_data0"], traffic, "10123", "10124",
+                         scenario="slow-wlan")
+        text = tb.format_summary(s)
+        row = next(l for l in text.splitlines() if l.startswith("wlan0"))
+        self.assertEqual(row.split(), ["wlan0", "1000", "960", "-4.0%", "0.60", "0.60", "0.60", "120"])
+        self.assertIn("enrolled (both links)", text)
+        self.assertIn("2019", text)
+        json.dumps(s)  # what the report writes must be JSON
+
+    def test_picture_is_well_formed_svg_with_a_line_per_link(self):
+        svg = tb.render_svg(timeline(shape_change=True), ["wlan0", "rmnet_data0"], title="a <b> & c")
+        root = ET.fromstring(svg)
+        ns = "{http://www.w3.org/2000/svg}"
+        self.assertEqual(root.tag, ns + "svg")
+        lines = root.findall(ns + "polyline")
+        # per link: shaped, estimate, computed share
+        self.assertEqual(len(lines), 6)
+        for pl in lines:
+            for pt in pl.get("points").split():
+                x, y = (float(v) for v in pt.split(","))
+                self.assertTrue(0 <= x <= 900 and 0 <= y <= 560, pt)
+        self.assertTrue(root.findall(ns + "circle"))
+
+    def test_picture_of_an_empty_timeline(self):
+        ET.fromstring(tb.render_svg([], ["wlan0"]))
+
+    def test_live_line(self):
+        turn = {"t": 12.5, "est": {"wlan0": 967}, "share": {"wlan0": 0.604}}
+        line = tb.live_line(turn, 10.0, ["wlan0", "rmnet_data0"])
+        self.assertIn("2.5s", line)
+        self.assertIn("967 kbit/s  share 0.60", line)
+        self.assertIn("rmnet_data0      - kbit/s  share -", line)
+
+
+if __name__ == "__main__":
+    unittest.main()
