@@ -84,7 +84,7 @@ tb_monitor_up >/dev/null
 tb_mark traffic
 tb_traffic app "$TB_UID_APP" "$duration" --workers 16 --conn-time 0.3
 tb_traffic other "$TB_UID_OTHER" "$duration" --workers 8 --conn-time 0.3
-if tb_wait_ratios 20; then tb_mark measure; fi
+if tb_wait_ratios 20; then sleep 2; tb_mark measure; fi
 wait "$TB_PID_app" "$TB_PID_other"
 tb_mark end
 sleep 1.5

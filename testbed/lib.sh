@@ -32,6 +32,7 @@ declare -A TB_IFACE_PARAMS=(
 TB_PIDS=()
 TB_NS_C=""
 TB_NS_S=""
+TB_NS_MADE=()  # only the namespaces this run created are removed
 TB_WORK=""
 TB_ROOT=""
 
@@ -40,6 +41,7 @@ tb_die() { echo "testbed: error: $*" >&2; exit 1; }
 
 tb_c() { ip netns exec "$TB_NS_C" "$@"; }   # run in the client (handset)
 tb_s() { ip netns exec "$TB_NS_S" "$@"; }   # run in the server
+tb_must() { "$@" || tb_die "failed: $*"; }
 
 # Names unique to this run, so that parallel runs never collide.
 tb_init() {
@@ -66,21 +68,22 @@ tb_require() {
 
 tb_cleanup() {
   local rc=$? pid ns
-  trap - EXIT INT TERM
+  trap - EXIT
+  trap '' INT TERM  # a second Ctrl-C must not cut the clean-up short
   for pid in "${TB_PIDS[@]}"; do
     kill "$pid" 2>/dev/null
   done
   # Whatever else still runs inside our namespaces was started by this run.
-  for ns in "$TB_NS_C" "$TB_NS_S"; do
-    [ -n "$ns" ] && ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null
+  for ns in "${TB_NS_MADE[@]}"; do
+    ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null
   done
   for pid in "${TB_PIDS[@]}"; do
     for _ in 1 2 3 4 5 6 7 8 9 10; do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
     kill -9 "$pid" 2>/dev/null
   done
-  for ns in "$TB_NS_C" "$TB_NS_S"; do
-    [ -n "$ns" ] && ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null
-    [ -n "$ns" ] && ip netns del "$ns" 2>/dev/null
+  for ns in "${TB_NS_MADE[@]}"; do
+    ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null
+    ip netns del "$ns" 2>/dev/null
   done
   if [ -n "$TB_WORK" ] && [ -d "$TB_WORK" ]; then
     if [ "${TB_KEEP:-0}" = 1 ]; then
@@ -108,35 +111,38 @@ tb_shape() {
   local link=$1 kbps=$2 bits burst verb=${3:-add}
   bits=$((kbps * 1024))
   burst=$((bits / 8 / 100)); ((burst < 4000)) && burst=4000  # bytes
-  tb_c tc qdisc $verb dev "$link" root tbf rate ${bits}bit burst $burst latency 400ms
-  tb_s tc qdisc $verb dev "${TB_PEER[$link]}" root tbf rate ${bits}bit burst $burst latency 400ms
+  tb_must tb_c tc qdisc $verb dev "$link" root tbf rate ${bits}bit burst $burst latency 400ms
+  tb_must tb_s tc qdisc $verb dev "${TB_PEER[$link]}" root tbf rate ${bits}bit burst $burst latency 400ms
   printf '{"kind": "shape", "link": "%s", "kbps": %d, "t": %s}\n' "$link" "$kbps" "$(date +%s.%N)" \
     >>"$TB_WORK/timeline.jsonl"
 }
 
 tb_net_up() {
   local link net
-  ip netns add "$TB_NS_C" || tb_die "cannot create namespace $TB_NS_C"
-  ip netns add "$TB_NS_S" || tb_die "cannot create namespace $TB_NS_S"
-  tb_c ip link set lo up
-  tb_s ip link set lo up
-  tb_s ip addr add $TB_SERVER_IP/32 dev lo
+  local ns
+  for ns in "$TB_NS_C" "$TB_NS_S"; do
+    ip netns add "$ns" || tb_die "cannot create namespace $ns"
+    TB_NS_MADE+=("$ns")
+  done
+  tb_must tb_c ip link set lo up
+  tb_must tb_s ip link set lo up
+  tb_must tb_s ip addr add $TB_SERVER_IP/32 dev lo
   # Loose reverse-path filtering: replies may come back on either link.
-  for k in all default; do tb_c sysctl -qw net.ipv4.conf.$k.rp_filter=2; done
+  for k in all default; do tb_must tb_c sysctl -qw net.ipv4.conf.$k.rp_filter=2; done
   for link in "${TB_LINKS[@]}"; do
     net=${TB_NET[$link]}
-    tb_c ip link add "$link" type veth peer name "${TB_PEER[$link]}" netns "$TB_NS_S"
-    tb_c sysctl -qw net.ipv4.conf.$link.rp_filter=2
-    tb_c ip addr add $net.2/24 dev "$link"
-    tb_s ip addr add $net.1/24 dev "${TB_PEER[$link]}"
-    tb_c ip link set "$link" up
-    tb_s ip link set "${TB_PEER[$link]}" up
+    tb_must tb_c ip link add "$link" type veth peer name "${TB_PEER[$link]}" netns "$TB_NS_S"
+    tb_must tb_c sysctl -qw net.ipv4.conf.$link.rp_filter=2
+    tb_must tb_c ip addr add $net.2/24 dev "$link"
+    tb_must tb_s ip addr add $net.1/24 dev "${TB_PEER[$link]}"
+    tb_must tb_c ip link set "$link" up
+    tb_must tb_s ip link set "${TB_PEER[$link]}" up
     # Each link's own table (numbered; the ip wrapper maps the names).
-    tb_c ip route add $net.0/24 dev "$link" table ${TB_TABLE[$link]}
-    tb_c ip route add default via $net.1 dev "$link" table ${TB_TABLE[$link]}
+    tb_must tb_c ip route add $net.0/24 dev "$link" table ${TB_TABLE[$link]}
+    tb_must tb_c ip route add default via $net.1 dev "$link" table ${TB_TABLE[$link]}
   done
   # The WLAN is the default network.
-  tb_c ip route add default via ${TB_NET[wlan0]}.1 dev wlan0
+  tb_must tb_c ip route add default via ${TB_NET[wlan0]}.1 dev wlan0
   tb_shape wlan0 "$TB_WLAN_KBPS"
   tb_shape rmnet_data0 "$TB_WWAN_KBPS"
 }
@@ -145,7 +151,6 @@ tb_server_up() {
   local www=$TB_WORK/www tls=()
   mkdir -p "$www"
   head -c $((8 << 20)) /dev/zero >"$www/big.bin"
-  head -c 16384 /dev/zero >"$www/small.bin"
   if command -v openssl >/dev/null &&
      openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=$TB_SERVER_IP \
        -keyout "$TB_WORK/key.pem" -out "$TB_WORK/cert.pem" >/dev/null 2>&1; then
@@ -225,14 +230,14 @@ tb_configure() {
 # in a chain of our own (mangle POSTROUTING sees the daemon's marks).
 tb_accounting() {
   local uid link
-  tb_c iptables -w -t mangle -N tb_acct
-  tb_c iptables -w -t mangle -A POSTROUTING -p tcp --syn -j tb_acct
+  tb_must tb_c iptables -w -t mangle -N tb_acct
+  tb_must tb_c iptables -w -t mangle -A POSTROUTING -p tcp --syn -j tb_acct
   for uid in "$TB_UID_APP" "$TB_UID_OTHER"; do
-    tb_c iptables -w -t mangle -A tb_acct -m owner --uid-owner "$uid" -m comment --comment "uid$uid:all"
+    tb_must tb_c iptables -w -t mangle -A tb_acct -m owner --uid-owner "$uid" -m comment --comment "uid$uid:all"
     for link in "${TB_LINKS[@]}"; do
-      tb_c iptables -w -t mangle -A tb_acct -m owner --uid-owner "$uid" -m mark --mark "${TB_MARK[$link]}" \
+      tb_must tb_c iptables -w -t mangle -A tb_acct -m owner --uid-owner "$uid" -m mark --mark "${TB_MARK[$link]}" \
         -m comment --comment "uid$uid:mark:$link"
-      tb_c iptables -w -t mangle -A tb_acct -m owner --uid-owner "$uid" -o "$link" \
+      tb_must tb_c iptables -w -t mangle -A tb_acct -m owner --uid-owner "$uid" -o "$link" \
         -m comment --comment "uid$uid:out:$link"
     done
   done

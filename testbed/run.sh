@@ -100,12 +100,14 @@ tb_traffic app "$TB_UID_APP" "$duration" --workers "$workers" --conn-time "$conn
 tb_traffic other "$TB_UID_OTHER" "$duration" --workers "$workers" --conn-time "$conn_time" ${TB_TRAFFIC_EXTRA:-}
 t_start=$SECONDS
 if tb_wait_ratios 20; then
+  sleep 2  # the first rules may predate the traffic: let the daemon see it
   tb_mark measure
 else
   echo "testbed: the daemon installed no ratio rules within 20 s" >&2
 fi
 if [ "$scenario" = wlan-drop ]; then
-  sleep $((duration / 2 - (SECONDS - t_start)))
+  sleep $((duration / 2 - (SECONDS - t_start))) &
+  wait $!  # a signal ends the wait at once
   echo "== wlan0 drops to $drop_to kbit/s"
   tb_shape wlan0 "$drop_to" change
 fi

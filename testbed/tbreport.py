@@ -249,9 +249,11 @@ def summarize_segment(events, seg, links, settle):
         installed_pts = [(t, s.get(link, 0.0)) for t, s in rules]
         installed = step_average(installed_pts, t0, t1,
                                  initial=_value_before(installed_pts, t0))
-        conns = None
+        conns = egress = None
         if c0 and c1 and c1["t"] > c0["t"]:
             conns = c1["mark"].get(link, 0) - c0["mark"].get(link, 0)
+            key = "uid%s:out:%s" % (seg.get("app_uid", ""), link)
+            egress = c1["acct"].get(key, 0) - c0["acct"].get(key, 0)
         out["links"][link] = {
             "shaped_kbps": shaped,
             "estimated_kbps": median,
@@ -263,6 +265,9 @@ def summarize_segment(events, seg, links, settle):
             "connections": conns,
             "carried_share": (_round(conns / app_total) if conns is not None and app_total
                               else None),
+            # where those connections actually left: the marks must route them
+            "egress_share": (_round(egress / app_total) if egress is not None and app_total
+                             else None),
         }
     out["app_connections"] = app_total
     out["app_unmarked"] = app_total - app_marked if app_total else 0
@@ -351,7 +356,7 @@ def format_summary(summary):
     if traffic:
         lines.append("%-24s %7s %12s %10s" % ("application", "UID", "connections", "goodput"))
         lines.append("%-24s %7s %12s %10s" % ("", "", "", "kbit/s"))
-        for label, key in (("enrolled (both links)", "app"), ("not enrolled", "other")):
+        for label, key in (("enrolled", "app"), ("not enrolled", "other")):
             t = traffic.get(key)
             if t:
                 lines.append("%-24s %7s %12d %10.0f" % (label, t.get("uid"), t["connections"],
@@ -380,7 +385,11 @@ def render_svg(events, links, title=""):
     panels = [(50, 230), (320, 500)]  # y top, y bottom
     start = next((e["t"] for e in events if e["kind"] == "mark" and e["name"] == "traffic"),
                  events[0]["t"] if events else 0.0)
-    end = max([e["t"] for e in events] + [start + 1.0])
+    # Up to the end of the traffic: later turns only show the links going idle.
+    end = next((e["t"] + 0.5 for e in events if e["kind"] == "mark" and e["name"] == "end"),
+               max([e["t"] for e in events] + [start + 1.0]))
+    end = max(end, start + 1.0)
+    events = [e for e in events if e["t"] <= end]
     span = end - start
 
     def x(t):
@@ -651,6 +660,10 @@ def check_summary(summary, tolerance_pp, min_conns, segment=-1):
         if diff > tolerance_pp:
             fails.append("%s: carried share %.3f vs computed %.3f (%.1f points apart)"
                          % (link, r["carried_share"], r["computed_share"], diff))
+        if r.get("egress_share") is not None and \
+                100.0 * abs(r["egress_share"] - r["carried_share"]) > tolerance_pp:
+            fails.append("%s: %.3f of the connections marked for it but %.3f left through it"
+                         % (link, r["carried_share"], r["egress_share"]))
     if seg["other_connections"] == 0:
         fails.append("the not-enrolled UID made no connections")
     if seg["other_marked"] != 0:

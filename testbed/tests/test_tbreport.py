@@ -154,7 +154,8 @@ def timeline(shape_change=False):
                    "share": {"wlan0": 0.6, "rmnet_data0": 0.4, "unmarked": 0.0}})
         n = s - 2
         ev.append({"kind": "counters", "t": s + 0.0, "app_uid": "10123",
-                   "acct": {"uid10123:all": 10 * n, "uid10124:all": 5 * n},
+                   "acct": {"uid10123:all": 10 * n, "uid10124:all": 5 * n,
+                            "uid10123:out:wlan0": 6 * n, "uid10123:out:rmnet_data0": 4 * n},
                    "mark": {"wlan0": 6 * n, "rmnet_data0": 4 * n}})
     ev.sort(key=lambda e: e["t"])
     return ev
@@ -178,6 +179,7 @@ class Analysis(unittest.TestCase):
         self.assertEqual(seg["other_marked"], 0)
         self.assertEqual((w["connections"], r["connections"]), (120, 80))
         self.assertEqual((w["carried_share"], r["carried_share"]), (0.6, 0.4))
+        self.assertEqual((w["egress_share"], r["egress_share"]), (0.6, 0.4))
         self.assertEqual((w["computed_share"], r["computed_share"]), (0.6, 0.4))
         self.assertEqual(w["estimated_kbps"], 960)
         self.assertEqual(w["error_pct"], -4.0)
@@ -215,6 +217,8 @@ class Analysis(unittest.TestCase):
         self.assertIn("wlan0: carried share 0.900 vs computed 0.600", text)
         self.assertIn("rmnet_data0: carried share", text)
         self.assertIn("1 connections of the not-enrolled UID were marked", text)
+        self.assertIn("wlan0: 0.900 of the connections marked for it but 0.600 left through it",
+                      text)
 
     def test_an_idle_link_has_no_estimate(self):
         ev = [e for e in timeline() if e["kind"] != "turn"]
@@ -235,7 +239,7 @@ class Presentation(unittest.TestCase):
         text = tb.format_summary(s)
         row = next(l for l in text.splitlines() if l.startswith("wlan0"))
         self.assertEqual(row.split(), ["wlan0", "1000", "960", "-4.0%", "0.60", "0.60", "0.60", "120"])
-        self.assertIn("enrolled (both links)", text)
+        self.assertIn("not enrolled", text)
         self.assertIn("2019", text)
         json.dumps(s)  # what the report writes must be JSON
 
