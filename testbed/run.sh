@@ -26,8 +26,9 @@ Options:
   --duration S   seconds of traffic (default 40; 60 for --wlan-drop)
   --wlan KBPS    override the WLAN rate (kbit/s of 1024 bit)
   --wwan KBPS    override the WWAN rate
-  --workers N    parallel downloads per application (default 12)
-  --conn-time S  seconds the server sends on one download (default 1)
+  --workers N    parallel downloads per application (default 16)
+  --conn-time S  seconds the server sends on one download (default 0.3)
+  --https PCT    percentage of downloads over HTTPS, port 443 (default 20)
   --bin DIR      where vekd, vekstatd and vekctl are (default build/bin)
   --out DIR      where the summary and picture go
                  (default build/testbed/SCENARIO)
@@ -41,7 +42,7 @@ EOF
 
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(dirname "$here")
-scenario=slow-wlan duration="" wlan="" wwan="" workers=12 conn_time=1
+scenario=slow-wlan duration="" wlan="" wwan="" workers=16 conn_time=0.3 https=20
 TB_BIN=$repo/build/bin out=""
 while (($#)); do
   case $1 in
@@ -52,6 +53,7 @@ while (($#)); do
     --wwan) wwan=${2:-}; shift ;;
     --workers) workers=${2:-}; shift ;;
     --conn-time) conn_time=${2:-}; shift ;;
+    --https) https=${2:-}; shift ;;
     --bin) TB_BIN=${2:-}; shift ;;
     --out) out=${2:-}; shift ;;
     --keep) TB_KEEP=1 ;;
@@ -67,6 +69,7 @@ case $scenario in
   wlan-drop) : "${wlan:=4000}" "${wwan:=2000}" "${duration:=60}"; drop_to=1000 ;;
   *) echo "unknown scenario: $scenario (see --help)" >&2; exit 2 ;;
 esac
+[[ $https =~ ^([0-9]|[1-9][0-9]|100)$ ]] || { echo "not a percentage: $https" >&2; exit 2; }
 for n in "$duration" "$wlan" "$wwan" "$workers"; do
   [[ $n =~ ^[1-9][0-9]*$ ]] || { echo "not a positive whole number: $n" >&2; exit 2; }
 done
@@ -90,14 +93,17 @@ tb_daemons_up
 tb_accounting
 tb_configure
 echo "== daemon configured through vekctl; its rules in the handset namespace:"
-tb_c iptables -w -t mangle -S | grep -E '^-N kwop|^-A (OUTPUT|kwop_fw_)' | sed 's/^/   /'
-tb_c ip rule show priority 25000 | sed 's/^/   /'
+{
+  tb_c iptables -w -t mangle -S | grep -E '^-N kwop|^-A (OUTPUT|kwop_NUV|kwop_DNS|kwop_fw_)'
+  tb_c iptables -w -t nat -S kwop_nat_POSTROUTING_NUV | grep -- '^-A'
+  tb_c ip rule show priority 25000
+} | sed 's/^/   /'
 
-echo "== traffic: UID $TB_UID_APP (enrolled) and UID $TB_UID_OTHER (not enrolled), $workers downloads each"
+echo "== traffic: UID $TB_UID_APP (enrolled) and UID $TB_UID_OTHER (not enrolled), $workers parallel downloads each, $https % over HTTPS"
 tb_monitor_up
 tb_mark traffic
-tb_traffic app "$TB_UID_APP" "$duration" --workers "$workers" --conn-time "$conn_time" ${TB_TRAFFIC_EXTRA:-}
-tb_traffic other "$TB_UID_OTHER" "$duration" --workers "$workers" --conn-time "$conn_time" ${TB_TRAFFIC_EXTRA:-}
+tb_traffic app "$TB_UID_APP" "$duration" --workers "$workers" --conn-time "$conn_time" --https "$https"
+tb_traffic other "$TB_UID_OTHER" "$duration" --workers "$workers" --conn-time "$conn_time" --https "$https"
 t_start=$SECONDS
 if tb_wait_ratios 20; then
   sleep 2  # the first rules may predate the traffic: let the daemon see it

@@ -240,6 +240,9 @@ def summarize_segment(events, seg, links, settle):
         for link in links:
             app_marked += d("mark", link)
             other_marked += d("acct", "%s:mark:%s" % (other, link))
+        # A MARK rule also counts the odd late packet that conntrack takes for
+        # a new connection; never report fewer connections than were marked.
+        app_total = max(app_total, app_marked)
     for link in links:
         est = [e["est"][link] for e in turns if e["est"].get(link, 0) > 0]
         shaped = seg["shaped"].get(link)
@@ -270,7 +273,7 @@ def summarize_segment(events, seg, links, settle):
                              else None),
         }
     out["app_connections"] = app_total
-    out["app_unmarked"] = app_total - app_marked if app_total else 0
+    out["app_unmarked"] = app_total - app_marked
     out["other_connections"] = other_total
     out["other_marked"] = other_marked
     return out
@@ -354,13 +357,14 @@ def format_summary(summary):
         lines.append("")
     traffic = summary.get("traffic") or {}
     if traffic:
-        lines.append("%-24s %7s %12s %10s" % ("application", "UID", "connections", "goodput"))
-        lines.append("%-24s %7s %12s %10s" % ("", "", "", "kbit/s"))
+        lines.append("%-24s %7s %12s %8s %10s" % ("application", "UID", "connections",
+                                                  "of them", "goodput"))
+        lines.append("%-24s %7s %12s %8s %10s" % ("", "", "", "HTTPS", "kbit/s"))
         for label, key in (("enrolled", "app"), ("not enrolled", "other")):
             t = traffic.get(key)
             if t:
-                lines.append("%-24s %7s %12d %10.0f" % (label, t.get("uid"), t["connections"],
-                                                        t["goodput_kbps"]))
+                lines.append("%-24s %7s %12d %8d %10.0f" % (
+                    label, t.get("uid"), t["connections"], t.get("https", 0), t["goodput_kbps"]))
         lines.append("")
     lines.append("Rates in kbit/s of 1024 bit; shares are of the enrolled UID's new "
                  "connections to port 80/443.")
@@ -528,10 +532,6 @@ def _tick_step(span, most):
     return step
 
 
-def live_header(links):
-    return "  time  |  " + "  |  ".join("%-11s %6s         %s" % (l, "estimate", "share") for l in links)
-
-
 def live_line(turn, t0, links):
     parts = ["%6.1fs" % (turn["t"] - t0)]
     for link in links:
@@ -571,7 +571,6 @@ def cmd_monitor(args):
     reader = LogReader()
     out = open(args.timeline, "a")
     t0 = time.time()
-    print(live_header(args.links), flush=True)
     pos = 0
     next_sample = 0.0
     buf = ""

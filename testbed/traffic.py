@@ -16,7 +16,9 @@ import argparse
 import errno
 import json
 import os
+import random
 import socket
+import ssl
 import sys
 import threading
 import time
@@ -35,6 +37,7 @@ class Totals:
         self.lock = threading.Lock()
         self.connections = 0   # connection attempts
         self.connected = 0
+        self.secure = 0        # of those, over TLS
         self.failed = 0
         self.completed = 0     # downloads that reached the end of the file
         self.bytes = 0
@@ -46,8 +49,9 @@ class Totals:
                 setattr(self, k, getattr(self, k) + v)
 
 
-def one_download(args, totals, stop_at):
+def one_download(args, totals, stop_at, tls):
     totals.add(connections=1)
+    secure = tls is not None and random.random() * 100 < args.https
     # The server ends the download; this only guards against a stuck one.
     deadline = time.monotonic() + args.conn_time + 15
     try:
@@ -57,13 +61,15 @@ def one_download(args, totals, stop_at):
             # that many downloads can share a slow link without losses.
             s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, args.rcvbuf)
         s.settimeout(5)
-        s.connect((args.server, args.port))
+        s.connect((args.server, args.tls_port if secure else args.port))
+        if secure:
+            s = tls.wrap_socket(s)
     except OSError:
         s.close()
         totals.add(failed=1)
         time.sleep(0.2)  # don't spin on a dead link
         return
-    totals.add(connected=1)
+    totals.add(connected=1, secure=1 if secure else 0)
     began = time.monotonic()
     got = 0
     try:
@@ -89,19 +95,25 @@ def one_download(args, totals, stop_at):
         totals.add(bytes=got, conn_seconds=time.monotonic() - began)
 
 
-def worker(args, totals, stop_at):
+def worker(args, totals, stop_at, tls):
     while time.monotonic() < stop_at:
         with totals.lock:
             if args.max_conns and totals.connections >= args.max_conns:
                 return
-        one_download(args, totals, stop_at)
+        one_download(args, totals, stop_at, tls)
 
 
 def run_download(args):
     totals = Totals()
+    tls = None
+    if args.https > 0:
+        # The testbed's server has a throw-away certificate.
+        tls = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+        tls.check_hostname = False
+        tls.verify_mode = ssl.CERT_NONE
     start = time.monotonic()
     stop_at = start + args.duration
-    threads = [threading.Thread(target=worker, args=(args, totals, stop_at), daemon=True)
+    threads = [threading.Thread(target=worker, args=(args, totals, stop_at, tls), daemon=True)
                for _ in range(args.workers)]
     for t in threads:
         t.start()
@@ -110,6 +122,7 @@ def run_download(args):
     seconds = time.monotonic() - start
     return {
         "uid": args.uid, "connections": totals.connections, "connected": totals.connected,
+        "https": totals.secure,
         "failed": totals.failed, "completed": totals.completed, "bytes": totals.bytes,
         "seconds": round(seconds, 3),
         "mean_conn_seconds": round(totals.conn_seconds / totals.connected, 3)
@@ -150,6 +163,9 @@ def parse_args(argv):
     p.add_argument("mode", choices=["download", "hold"])
     p.add_argument("--server", required=True, help="server address")
     p.add_argument("--port", type=int, default=80)
+    p.add_argument("--tls-port", type=int, default=443)
+    p.add_argument("--https", type=float, default=0.0,
+                   help="percentage of downloads over TLS (to --tls-port)")
     p.add_argument("--path", default="big.bin", help="file to download")
     p.add_argument("--uid", type=int, help="UID to run as (needs root)")
     p.add_argument("--workers", type=int, default=16, help="parallel downloads")

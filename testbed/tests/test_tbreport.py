@@ -220,6 +220,17 @@ class Analysis(unittest.TestCase):
         self.assertIn("wlan0: 0.900 of the connections marked for it but 0.600 left through it",
                       text)
 
+    def test_marks_beyond_the_counted_connections_never_go_negative(self):
+        ev = timeline()
+        for e in ev:
+            if e["kind"] == "counters":
+                e["mark"]["wlan0"] += int(e["t"])  # late packets taken for new connections
+        seg = tb.summarize(ev, ["wlan0", "rmnet_data0"], {}, "10123", "10124")["segments"][0]
+        self.assertEqual(seg["app_unmarked"], 0)
+        self.assertEqual(seg["app_connections"], 220)
+        shares = [r["carried_share"] for r in seg["links"].values()]
+        self.assertAlmostEqual(sum(shares), 1.0, places=2)
+
     def test_an_idle_link_has_no_estimate(self):
         ev = [e for e in timeline() if e["kind"] != "turn"]
         s = tb.summarize(ev, ["wlan0", "rmnet_data0"], {}, "10123", "10124")

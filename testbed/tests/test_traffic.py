@@ -120,6 +120,17 @@ class OverLoopback(unittest.TestCase):
         self.assertGreater(out["bytes"], 0)
         self.assertGreater(out["goodput_kbps"], 0)
 
+    def test_download_over_tls_too(self):
+        if not self.tls:
+            self.skipTest("openssl not installed")
+        out = json.loads(self.traffic("download", "--duration", "0.5", "--workers", "2",
+                                      "--conn-time", "0.1", "--https", "100",
+                                      "--tls-port", str(self.tls_port))[-1])
+        self.assertGreater(out["connected"], 0)
+        self.assertEqual(out["https"], out["connected"])
+        self.assertEqual(out["failed"], 0)
+        self.assertGreater(out["bytes"], 0)
+
     def test_hold_waits_and_is_not_reset_by_the_server(self):
         lines = self.traffic("hold", "--duration", "0.3")
         self.assertEqual(lines[0], "connected")
