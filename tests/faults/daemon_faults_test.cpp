@@ -1,0 +1,256 @@
+// The daemon process against a broken platform: wrappers missing or failing,
+// no kernel module, statistics files that are short, unmarked or rewritten
+// under the reader, properties that never stand still. In every case the
+// daemon must stay up (or end its loop as designed), keep answering, say
+// what is wrong, and hold no more descriptors than before.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "stats/StatsFileBuilder.h"
+#include "tests/faults/DaemonUnderTest.h"
+
+namespace {
+
+using vekd::test::DaemonUnderTest;
+using vekd::test::openDescriptors;
+using namespace std::chrono_literals;
+
+constexpr const char* kTurn = "CALC2 ++";  // one evaluation turn, in the verbose log
+
+uint64_t wallMs() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::system_clock::now().time_since_epoch())
+                                     .count());
+}
+
+// A daemon that evaluates every `intervalMs` with the verbose log on.
+class DaemonFault : public testing::Test {
+  protected:
+    void startVerbose(DaemonUnderTest& d) {
+        d.setProperty("vendor.vek.debug", "1");
+        std::string why;
+        ASSERT_TRUE(d.start(&why)) << why;
+    }
+    void expectServing(DaemonUnderTest& d) {
+        EXPECT_TRUE(d.alive()) << d.log();
+        EXPECT_TRUE(d.answersPing()) << d.log();
+    }
+    // Evaluation goes on: `more` turns after the ones already logged.
+    void expectTurns(DaemonUnderTest& d, size_t more) {
+        EXPECT_TRUE(d.waitForLog(kTurn, 20s, d.logCount(kTurn) + more)) << d.log();
+    }
+};
+
+TEST_F(DaemonFault, WrappersMissing) {
+    DaemonUnderTest d("mini_est_interval=50\n");
+    unlink(d.root().root().at("/system/bin/iptables-wrapper-1.0").c_str());
+    unlink(d.root().root().at("/system/bin/ip-wrapper-1.0").c_str());
+    startVerbose(d);
+    // The shell says why every rule command failed.
+    EXPECT_TRUE(d.waitForLog("iptables-wrapper-1.0: not found", 5s)) << d.log();
+
+    ASSERT_TRUE(d.configureTwoLinks());
+    EXPECT_TRUE(d.waitForLog("E VekParameters: execl failed (No such file or directory)", 5s)) << d.log();
+    EXPECT_TRUE(d.waitForLog("Interface wlan0 has no route, do not add into map", 5s)) << d.log();
+    expectTurns(d, 3);
+
+    const int fds = openDescriptors(d.pid());
+    for (int i = 0; i < 10; ++i) ASSERT_EQ(d.vekctl({"update-uid", std::to_string(10100 + i), "1"}), 0);
+    EXPECT_LE(d.waitForDescriptorsAtMost(fds, 5s), fds) << "descriptors leaked by failed commands";
+    expectServing(d);
+}
+
+TEST_F(DaemonFault, WrappersFailing) {
+    DaemonUnderTest d("mini_est_interval=50\n");
+    const std::string failing = "#!/bin/sh\necho \"wrapper refused: $*\" >&2\nexit 3\n";
+    d.root().root().writeFile("/system/bin/iptables-wrapper-1.0", failing, true);
+    d.root().root().writeFile("/system/bin/ip-wrapper-1.0", failing, true);
+    startVerbose(d);
+    EXPECT_TRUE(d.waitForLog("wrapper refused: -w -t mangle -A OUTPUT -j kwop_NUV", 5s)) << d.log();
+
+    ASSERT_TRUE(d.configureTwoLinks());
+    EXPECT_TRUE(d.waitForLog("E VekParameters: Invalid interface, status=768", 5s)) << d.log();
+    EXPECT_TRUE(d.waitForLog("Interface rmnet_data0 has no route, do not add into map", 5s)) << d.log();
+    EXPECT_EQ(d.vekctl({"update-uid", "10123", "2"}), 0);
+    EXPECT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
+    expectTurns(d, 3);
+    expectServing(d);
+}
+
+TEST_F(DaemonFault, KernelModuleMissing) {
+    DaemonUnderTest d("mini_est_interval=50\n");
+    unlink(d.root().root().at("/proc/vek/config").c_str());
+    rmdir(d.root().root().at("/proc/vek").c_str());
+    startVerbose(d);
+
+    // Each statistics file is tried three times, 500 ms apart: iface-ready
+    // takes a few seconds but is answered.
+    ASSERT_TRUE(d.configureTwoLinks());
+    EXPECT_TRUE(d.waitForLog("E VekStatsImpl: open stats config file failed:No such file or directory", 5s));
+    EXPECT_TRUE(d.waitForLog("E VekStatsImpl: open mmap file failed:No such file or directory", 5s, 6))
+        << d.log();
+    expectTurns(d, 5);
+    expectServing(d);
+}
+
+TEST_F(DaemonFault, ControlFileWithoutReader) {
+    DaemonUnderTest d("mini_est_interval=50\n");
+    // A FIFO nobody reads: opening it for writing must not block the daemon.
+    // The recording root's reader keeps the FIFO it opened; a new one takes
+    // its place once it has.
+    const std::string fifo = d.root().root().at("/proc/vek/config");
+    for (int i = 0; i < 500; ++i) {
+        int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0) {
+            close(fd);
+            break;
+        }
+        std::this_thread::sleep_for(10ms);
+    }
+    unlink(fifo.c_str());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    startVerbose(d);
+    ASSERT_TRUE(d.configureTwoLinks());
+    EXPECT_TRUE(d.waitForLog("E VekStatsImpl: open stats config file failed:No such device or address", 5s))
+        << d.log();
+    expectTurns(d, 3);
+    expectServing(d);
+}
+
+TEST_F(DaemonFault, ShortAndEmptyStatisticsFiles) {
+    DaemonUnderTest d("mini_est_interval=50\n");
+    // 100 bytes: the header with its magic and the start of a ring whose
+    // newest slot lies beyond the end of the file; and an empty file.
+    vekd::stats::StatsFileBuilder ring;
+    ring.setMagic();
+    ring.appendSeries(wallMs() - 100, 20, 6, 1500);
+    const std::string wlan = d.root().root().at("/proc/vek/wlan0_mmap");
+    {
+        std::ofstream out(wlan, std::ios::binary);
+        out.write(static_cast<const char*>(ring.data()), 100);
+    }
+    d.root().root().writeFile("/proc/vek/rmnet_data0_mmap", "");
+    startVerbose(d);
+    ASSERT_TRUE(d.configureTwoLinks());
+    expectTurns(d, 10);
+    EXPECT_EQ(d.logCount("mmap stats file failed"), 0u) << d.log();
+    expectServing(d);
+
+    // Extended in place with zeros rather than read past its end.
+    struct stat st {};
+    ASSERT_EQ(stat(wlan.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, static_cast<off_t>(kVekStatsFileSize));
+}
+
+TEST_F(DaemonFault, HeaderWithoutMagic) {
+    DaemonUnderTest d("mini_est_interval=50\n");
+    for (const char* name : {"wlan0", "rmnet_data0"}) {
+        vekd::stats::StatsFileBuilder ring;
+        ring.appendSeries(wallMs() - 1000, 20, 50, 1500);
+        ring.setMagic(0x12345678);
+        ASSERT_TRUE(ring.saveTo(d.root().root().at(std::string("/proc/vek/") + name + "_mmap")));
+    }
+    startVerbose(d);
+    ASSERT_TRUE(d.configureTwoLinks());
+    EXPECT_TRUE(d.waitForLog("E VekStatsData: VEK stat colletct is not ready", 10s, 10)) << d.log();
+    expectServing(d);
+}
+
+TEST_F(DaemonFault, RingRewrittenWhileRead) {
+    DaemonUnderTest d("mini_est_interval=20\n");
+    std::unique_ptr<vekd::stats::StatsFile> files[2];
+    const char* names[2] = {"wlan0", "rmnet_data0"};
+    for (int i = 0; i < 2; ++i) {
+        std::string error;
+        files[i] = vekd::stats::StatsFile::open(d.root().root().at(std::string("/proc/vek/") + names[i] + "_mmap"),
+                                                &error);
+        ASSERT_NE(files[i], nullptr) << error;
+        files[i]->setMagic();
+        files[i]->appendSeries(wallMs() - 2000, 20, 100, 1500);
+    }
+    startVerbose(d);
+    ASSERT_TRUE(d.configureTwoLinks());
+    const size_t turnsBefore = d.logCount(kTurn);
+
+    // For three seconds, with the daemon reading every 20 ms: good samples,
+    // garbage slots, wild write indexes and a flickering magic.
+    std::mt19937 rng(20240611);
+    const auto end = std::chrono::steady_clock::now() + 3s;
+    uint64_t writes = 0;
+    while (std::chrono::steady_clock::now() < end) {
+        vekd::stats::StatsFile& f = *files[rng() % 2];
+        switch (rng() % 6) {
+            case 0:
+            case 1:
+                f.append(vekd::stats::makeSample(wallMs(), 1 + rng() % 60000));
+                break;
+            case 2: {
+                VekStatsSample s;
+                const uint32_t words[4] = {static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng()),
+                                           static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng())};
+                memcpy(&s, words, sizeof(s));
+                f.setSlot(1 + rng() % kVekStatsRingSlots, s);
+                break;
+            }
+            case 3:
+                f.setWriteIndex(static_cast<uint32_t>(rng()) % 4096);
+                break;
+            case 4:
+                f.setMagic(rng() % 4 == 0 ? 0 : kVekStatsMagic);
+                break;
+            case 5:
+                std::this_thread::sleep_for(200us);
+                break;
+        }
+        ++writes;
+    }
+    EXPECT_GT(writes, 1000u);
+    EXPECT_GE(d.logCount(kTurn), turnsBefore + 20) << "the daemon stopped evaluating while the rings changed";
+    expectServing(d);
+}
+
+TEST_F(DaemonFault, PropertiesFlipping) {
+    DaemonUnderTest d("mini_est_interval=20\n");
+    startVerbose(d);
+    ASSERT_TRUE(d.configureTwoLinks());
+    const int fds = openDescriptors(d.pid());
+
+    // Debug among 0, 1 and 2 and enabled among 0 and 1, for two seconds.
+    std::mt19937 rng(7);
+    auto flip = [&](std::chrono::milliseconds length, int enabledValues) {
+        const auto end = std::chrono::steady_clock::now() + length;
+        while (std::chrono::steady_clock::now() < end) {
+            d.setProperty("vendor.vek.debug", std::to_string(rng() % 3));
+            d.setProperty("vendor.vek.enabled", std::to_string(rng() % enabledValues));
+            std::this_thread::sleep_for(1ms);
+        }
+    };
+    const size_t turnsBefore = d.logCount(kTurn);
+    flip(2s, 2);
+    EXPECT_GT(d.logCount(kTurn), turnsBefore) << d.log();
+    EXPECT_EQ(d.logCount("Vekd exiting"), 0u);
+    EXPECT_TRUE(d.answersPing());
+
+    // 2 ends the loop once; later values, 2 among them, change nothing.
+    d.setProperty("vendor.vek.enabled", "2");
+    ASSERT_TRUE(d.waitForLog("I Vekd-v2: Vekd exiting", 10s)) << d.log();
+    EXPECT_TRUE(d.root().waitForControl("enable=0", 5000));
+    flip(1s, 3);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(d.logCount("E Vekd-v2: Nuv disabled, starting cleanup..."), 1u);
+    EXPECT_EQ(d.logCount("I Vekd-v2: Vekd exiting"), 1u);
+    EXPECT_EQ(d.vekctl({"update-uid", "10123", "1"}), 0);
+    EXPECT_LE(d.waitForDescriptorsAtMost(fds, 5s), fds);
+    expectServing(d);
+}
+
+}  // namespace

@@ -1,0 +1,163 @@
+// Shell syntax in every text that reaches the daemon, through vekctl and
+// through the configuration file. Each payload would create a marker file if
+// any shell ever ran it; the marker must never appear.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/faults/DaemonUnderTest.h"
+#include "tests/support/NetNamespace.h"
+
+namespace {
+
+using vekd::test::DaemonUnderTest;
+using vekd::test::runShell;
+using namespace std::chrono_literals;
+
+// Every way a shell command line can be made to run a second command or
+// write a file. `M` stands for the marker's path.
+std::vector<std::string> payloads(const std::string& marker) {
+    // Each ends the rest of the line where it needs to, since the daemon's
+    // command lines go on after the text.
+    const std::vector<std::string> forms = {
+        ";touch M #",   "|touch M #",    "&touch M #",      "&&touch M #", "$(touch M)",
+        "`touch M`",    "\ntouch M\n",   "\"$(touch M)\"", ">M",          ">>M",
+        "$(touch${IFS}M)",
+    };
+    std::vector<std::string> out;
+    for (std::string f : forms) {
+        for (size_t pos = f.find('M'); pos != std::string::npos; pos = f.find('M', pos + marker.size())) {
+            f.replace(pos, 1, marker);
+        }
+        out.push_back(f);
+    }
+    return out;
+}
+
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// `params` with field `index` followed by `payload`.
+std::string withPayload(const std::string& params, int index, const std::string& payload) {
+    size_t start = 0;
+    for (int i = 0; i < index; ++i) start = params.find(',', start) + 1;
+    const size_t end = std::min(params.find(',', start), params.size());
+    return params.substr(0, end) + payload + params.substr(end);
+}
+
+// No command line with a payload was run. The route check is the exception
+// that proves the rule: it runs the ip wrapper without a shell, the name as
+// one argument, so a payload there is only an odd table name.
+void expectNoPayloadInCommands(DaemonUnderTest& d) {
+    // An argument with a newline spans lines of the record: join them.
+    std::vector<std::string> calls;
+    for (const std::string& line : d.root().calls()) {
+        const bool starts = line.rfind("iptables-wrapper-1.0 ", 0) == 0 || line.rfind("ip-wrapper-1.0 ", 0) == 0;
+        if (starts || calls.empty()) {
+            calls.push_back(line);
+        } else {
+            calls.back() += "\n" + line;
+        }
+    }
+    for (const std::string& call : calls) {
+        if (call.rfind("ip-wrapper-1.0 route show table ", 0) == 0) continue;
+        EXPECT_EQ(call.find("marker"), std::string::npos) << call;
+    }
+}
+
+class Injection : public testing::Test {
+  protected:
+    // Enrolling a UID destroys its sockets: only inside a namespace of our own.
+    void SetUp() override { VEKD_REQUIRE_PRIVATE_NETNS(); }
+};
+
+// The payloads are live: handed to a shell, each one creates the marker.
+TEST_F(Injection, PayloadsWorkInAShell) {
+    char dir[] = "/tmp/vekd-inject-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string marker = std::string(dir) + "/marker";
+    for (const std::string& p : payloads(marker)) {
+        // As the daemon would have written it: the text inside a command line.
+        std::string quoted;
+        for (char c : "true " + p + " -j ACCEPT") quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        runShell("cd " + std::string(dir) + " && sh -c '" + quoted + "' >/dev/null 2>&1");
+        EXPECT_TRUE(exists(marker)) << "payload does nothing in a shell: " << p;
+        unlink(marker.c_str());
+    }
+    rmdir(dir);
+}
+
+TEST_F(Injection, ThroughVekctl) {
+    DaemonUnderTest d("mini_est_interval=100\n");
+    const std::string marker = d.path() + "/marker";
+    std::string why;
+    ASSERT_TRUE(d.start(&why)) << why;
+
+    // Every field of both links' strings, four strings per configuration.
+    std::string err;
+    const std::vector<std::string> base = {vekd::test::kWlanParams, vekd::test::kWwanParams};
+    int slot = 0;
+    for (const std::string& payload : payloads(marker)) {
+        for (int index = 0; index < 8; ++index) {
+            for (const std::string& params : base) {
+                ASSERT_EQ(d.vekctl({"iface", std::to_string(slot), withPayload(params, index, payload)}, &err), 0)
+                    << err;
+                if (++slot == 4) {
+                    ASSERT_EQ(d.vekctl({"iface-ready"}, &err), 0) << err << d.log();
+                    slot = 0;
+                }
+            }
+        }
+        // UIDs and flags are 32-bit integers: vekctl refuses such text.
+        EXPECT_EQ(d.vekctl({"update-uid", "10123" + payload, "1"}, &err), 2) << err;
+        EXPECT_EQ(d.vekctl({"remove-uid", "10123", "1" + payload}, &err), 2) << err;
+        EXPECT_EQ(d.vekctl({"wlan-inet", "1" + payload}, &err), 2) << err;
+    }
+    ASSERT_EQ(d.vekctl({"update-uid", "10123", "2"}, &err), 0) << err << d.log();
+    ASSERT_EQ(d.vekctl({"wlan-inet", "1"}, &err), 0) << err << d.log();
+    ASSERT_EQ(d.vekctl({"wlan-inet", "0"}, &err), 0) << err << d.log();
+
+    EXPECT_TRUE(d.waitForLog("rejected: only letters, digits, blank and ._-:/@+ are allowed", 5s));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_FALSE(exists(marker)) << "a payload ran:\n" << d.log();
+    EXPECT_TRUE(d.alive());
+    EXPECT_TRUE(d.answersPing());
+    expectNoPayloadInCommands(d);
+}
+
+TEST_F(Injection, ThroughTheConfigurationFile) {
+    char dir[] = "/tmp/vekd-inject-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string marker = std::string(dir) + "/marker";
+    const std::vector<std::string> all = payloads(marker);
+
+    // One daemon per payload; newlines end a configuration line, so those
+    // payloads lose their second line here, which is as it should be.
+    for (const std::string& payload : all) {
+        const std::string wlan = withPayload(vekd::test::kWlanParams, static_cast<int>(payload.size() % 8), payload);
+        std::string conf = "mini_est_interval=100\nnum_interfaces=3\n";
+        conf += "vek_uid_list=10123" + payload + ",10124\n";
+        conf += "gaming_uid_list=" + payload + ",10125\n";
+        conf += "interface_0=" + wlan + "\n";
+        conf += "interface_1=" + std::string(vekd::test::kWwanParams) + "\n";
+        conf += "interface_2=" + withPayload(vekd::test::kWwanParams, 0, "x" + payload) + "\n";
+        conf += "protocols=http" + payload + "\nports=80" + payload + "\nrtt_server=a" + payload + "\n";
+        DaemonUnderTest d(conf);
+        std::string why, err;
+        ASSERT_TRUE(d.start(&why)) << why;
+        ASSERT_EQ(d.vekctl({"iface-ready"}, &err), 0) << err << d.log();
+        ASSERT_EQ(d.vekctl({"update-uid", "10124", "2"}, &err), 0) << err << d.log();
+        ASSERT_EQ(d.vekctl({"remove-uid", "10123", "0"}, &err), 0) << err << d.log();
+        ASSERT_EQ(d.vekctl({"wlan-inet", "1"}, &err), 0) << err << d.log();
+        EXPECT_FALSE(exists(marker)) << "payload ran: " << payload << "\n" << d.log();
+        EXPECT_TRUE(d.answersPing());
+        expectNoPayloadInCommands(d);
+        unlink(marker.c_str());
+    }
+    rmdir(dir);
+}
+
+}  // namespace
