@@ -182,6 +182,24 @@ def step_average(points, t0, t1, initial=0.0):
     return total / (t1 - t0)
 
 
+def weighted_average(points, initial, samples, t0, t1, key):
+    """Average of a step function weighted by the new connections counted
+    between counter samples (under `key`): what the shares predict for the
+    connections actually made, whose rate changes with the links' rates.
+    Without connections it is the plain time average over [t0, t1]."""
+    total = weight = 0.0
+    for a, b in zip(samples, samples[1:]):
+        n = b["acct"].get(key, 0) - a["acct"].get(key, 0)
+        if n <= 0 or b["t"] <= a["t"]:
+            continue
+        v = step_average(points, a["t"], b["t"], initial=_value_before(points, a["t"], initial))
+        total += v * n
+        weight += n
+    if weight:
+        return total / weight
+    return step_average(points, t0, t1, initial=initial)
+
+
 def first_at_or_after(events, kind, t):
     for e in events:
         if e["kind"] == kind and e["t"] >= t:
@@ -230,6 +248,9 @@ def summarize_segment(events, seg, links, settle):
     c0 = first_at_or_after(events, "counters", t0)
     c1 = first_at_or_after(events, "counters", t1) or last_before(events, "counters", float("inf"))
     out = {"t0": t0, "t1": t1, "seconds": round(t1 - t0, 1), "links": {}}
+    app_key = "uid%s:all" % seg.get("app_uid", "")
+    samples = [e for e in events if e["kind"] == "counters"
+               and c0 and c1 and c0["t"] <= e["t"] <= c1["t"]]
 
     app_total = app_marked = other_total = other_marked = 0
     if c0 and c1 and c1["t"] > c0["t"]:
@@ -247,11 +268,12 @@ def summarize_segment(events, seg, links, settle):
         est = [e["est"][link] for e in turns if e["est"].get(link, 0) > 0]
         shaped = seg["shaped"].get(link)
         median = statistics.median(est) if est else None
-        computed = step_average([(e["t"], e["ratio"]) for e in ratios if e["iface"] == link],
-                                t0, t1, initial=_share_before(ratios, link, t0))
+        computed = weighted_average(
+            [(e["t"], e["ratio"]) for e in ratios if e["iface"] == link],
+            _share_before(ratios, link, t0), samples, t0, t1, app_key)
         installed_pts = [(t, s.get(link, 0.0)) for t, s in rules]
-        installed = step_average(installed_pts, t0, t1,
-                                 initial=_value_before(installed_pts, t0))
+        installed = weighted_average(installed_pts, _value_before(installed_pts, t0),
+                                     samples, t0, t1, app_key)
         conns = egress = None
         if c0 and c1 and c1["t"] > c0["t"]:
             conns = c1["mark"].get(link, 0) - c0["mark"].get(link, 0)
@@ -287,8 +309,7 @@ def _share_before(ratios, link, t0):
     return value
 
 
-def _value_before(points, t0):
-    value = 0.0
+def _value_before(points, t0, value=0.0):
     for t, v in points:
         if t <= t0:
             value = v

@@ -169,6 +169,14 @@ class Analysis(unittest.TestCase):
         self.assertAlmostEqual(tb.step_average([], 0.0, 2.0, initial=0.3), 0.3)
         self.assertIsNone(tb.step_average(pts, 2.0, 2.0))
 
+    def test_shares_weighted_by_the_connections_made(self):
+        pts = [(0.0, 1.0), (2.0, 0.5)]
+        samples = [{"t": float(t), "acct": {"k": n}} for t, n in
+                   ((0, 0), (1, 30), (2, 60), (3, 70), (4, 80))]
+        # 60 connections at share 1, 20 at share 0.5
+        self.assertAlmostEqual(tb.weighted_average(pts, 0.0, samples, 0.0, 4.0, "k"), 0.875)
+        self.assertAlmostEqual(tb.weighted_average(pts, 0.0, [], 0.0, 4.0, "k"), 0.75)
+
     def test_summary_of_one_window(self):
         s = tb.summarize(timeline(), ["wlan0", "rmnet_data0"], {}, "10123", "10124")
         self.assertEqual(len(s["segments"]), 1)
