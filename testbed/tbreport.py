@@ -411,7 +411,7 @@ def render_svg(events, links, title=""):
     start = next((e["t"] for e in events if e["kind"] == "mark" and e["name"] == "traffic"),
                  events[0]["t"] if events else 0.0)
     # Up to the end of the traffic: later turns only show the links going idle.
-    end = next((e["t"] + 0.5 for e in events if e["kind"] == "mark" and e["name"] == "end"),
+    end = next((e["t"] for e in events if e["kind"] == "mark" and e["name"] == "end"),
                max([e["t"] for e in events] + [start + 1.0]))
     end = max(end, start + 1.0)
     events = [e for e in events if e["t"] <= end]
@@ -515,12 +515,12 @@ def render_svg(events, links, title=""):
                % (width - right + 10, width - right + 30, ly, ly))
     out.append('<text x="%d" y="%d">computed</text>' % (width - right + 35, ly + 4))
     out.append('<circle cx="%d" cy="%d" r="3" fill="#555"/>' % (width - right + 20, ly + 22))
-    out.append('<text x="%d" y="%d">carried (5 s)</text>' % (width - right + 35, ly + 26))
+    out.append('<text x="%d" y="%d">carried (10 s)</text>' % (width - right + 35, ly + 26))
     out.append("</svg>")
     return "\n".join(out) + "\n"
 
 
-def carried_points(events, link, start, window=5.0):
+def carried_points(events, link, start, window=10.0):
     """Share of the enrolled UID's new connections marked for `link`, from
     counter samples `window` seconds apart."""
     samples = [e for e in events if e["kind"] == "counters" and e["t"] >= start]
