@@ -21,6 +21,7 @@ Scenarios:
                  (2000 kbit/s) fills in                          (default)
   --fast-wlan    WLAN 4000 kbit/s: only the WLAN carries the traffic
   --wlan-drop    WLAN 4000 kbit/s dropping to 1000 kbit/s halfway
+  --scenario NAME  the same by name (slow-wlan, fast-wlan, wlan-drop)
 
 Options:
   --duration S   seconds of traffic (default 40; 60 for --wlan-drop)
@@ -112,8 +113,8 @@ else
   echo "testbed: the daemon installed no ratio rules within 20 s" >&2
 fi
 if [ "$scenario" = wlan-drop ]; then
-  sleep $((duration / 2 - (SECONDS - t_start))) &
-  wait $!  # a signal ends the wait at once
+  left=$((duration / 2 - (SECONDS - t_start)))
+  ((left > 0)) && { sleep $left & wait $!; }  # a signal ends the wait at once
   echo "== wlan0 drops to $drop_to kbit/s"
   tb_shape wlan0 "$drop_to" change
 fi
