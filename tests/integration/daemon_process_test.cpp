@@ -8,6 +8,9 @@
 #include "tests/integration/RecordingRoot.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/NetNamespace.h"
+#include "tests/support/TempRoot.h"
+
+#include <unistd.h>
 
 namespace {
 
@@ -167,6 +170,20 @@ TEST(DaemonProcess, IdleDaemonReactsToTheDebugPropertyAtOnce) {
     ASSERT_EQ(vekctl(root, {"update-uid", "10123", "1"}), 0);
     // Verbose lines appear only once the loop has picked the property up.
     EXPECT_TRUE(daemon.waitForLog("NUV destroying sockets = 10123", 5s)) << daemon.log();
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DaemonProcess, ArgumentsAreAnsweredWithoutStarting) {
+    vekd::test::TempRoot root;
+    std::string out, err;
+    EXPECT_EQ(runProgram(binaryPath("vekd"), {"--help"}, root.path(), &out, &err), 0);
+    EXPECT_EQ(out.rfind("usage: vekd\n", 0), 0u);
+    EXPECT_EQ(runProgram(binaryPath("vekd"), {"--verbose"}, root.path(), &out, &err), 2);
+    EXPECT_NE(err.find("vekd: unexpected argument '--verbose'"), std::string::npos);
+    EXPECT_EQ(access(root.at("/dev/vndbinder").c_str(), F_OK), -1) << "nothing may start";
 }
 
 }  // namespace
