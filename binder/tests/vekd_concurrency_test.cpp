@@ -10,15 +10,8 @@
 #include <thread>
 
 #include "binder/VekdBind.h"
-#include "config/Parameters.h"
-#include "manager/NuvManager.h"
 #include "platform/binder/HostBinder.h"
-#include "rules/IptablesManager.h"
-#include "stats/VekStatsImpl.h"
-#include "tests/support/FakeNetlink.h"
-#include "tests/support/Fakes.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TempRoot.h"
+#include "tests/support/InProcessDaemon.h"
 
 namespace {
 
@@ -26,24 +19,9 @@ using android::Parcel;
 using android::sp;
 using android::String16;
 
-void resetAll() {
-    NuvManager::resetForTesting();
-    VekStatsImpl::resetForTesting();
-    IptablesManager::resetForTesting();
-    Parameters::resetForTesting();
-}
-
 TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
-    vekd::test::TempRoot root;
-    root.writeFile("/proc/vek/config", "");
-    vekd::test::FakeProperties props;
-    vekd::test::RecordingCommandPipe pipe;
-    vekd::test::FakeProcessLauncher launcher;
-    vekd::test::FakeClock clock;
-    vekd::test::FakeChangeWaiter waiter;
-    vekd::test::FakeNetlink netlink;
-    vekd::test::LogCapture log;
-    resetAll();
+    vekd::test::InProcessDaemon daemon;
+    daemon.root.writeFile("/proc/vek/config", "");
 
     Parameters* params = Parameters::instance();
     IVekd::startBind();
@@ -96,14 +74,13 @@ TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
     loop.join();
 
     EXPECT_EQ(answered.load(), kClients * kRounds * 5);
-    EXPECT_EQ(log.count("new_mode=1"), static_cast<size_t>(kClients * kRounds));
-    const std::vector<std::string> rules = log.linesOf("NUVIptables");
+    EXPECT_EQ(daemon.log.count("new_mode=1"), static_cast<size_t>(kClients * kRounds));
+    const std::vector<std::string> rules = daemon.log.linesOf("NUVIptables");
     EXPECT_EQ(std::count(rules.begin(), rules.end(), "I old_mode=1"), kClients * kRounds);
     EXPECT_EQ(NuvManager::instance()->uidModes().size(), static_cast<size_t>(kClients));
     EXPECT_EQ(params->m_runState.load(), kRunStateConfigured);
 
     vekd::binder::resetForTesting();
-    resetAll();
 }
 
 }  // namespace

@@ -1,15 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
-#include "manager/NuvManager.h"
-#include "rules/IptablesManager.h"
 #include "stats/StatsFileAccess.h"
-#include "stats/VekStatsImpl.h"
-#include "tests/support/FakeNetlink.h"
-#include "tests/support/Fakes.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TempRoot.h"
+#include "tests/support/InProcessDaemon.h"
 
 namespace {
 
@@ -46,22 +38,11 @@ class RecordingControlFile : public vekd::stats::StatsFileAccess {
 };
 const std::string kIpt = "/system/bin/iptables-wrapper-1.0 -w -t ";
 
-class Manager : public testing::Test {
+class Manager : public testing::Test, protected vekd::test::InProcessDaemon {
   protected:
     void SetUp() override {
-        resetSingletons();
-        root.writeFile("/proc/vek/config", "");  // a plain file records the control commands
+        root.writeFile("/proc/vek/config", "");
         root.writeFile(kVekdConfPath, "gaming_uid_list=9999,10010\nvek_uid_list=10010,10123\n");
-    }
-    void TearDown() override {
-        resetSingletons();
-        gDebugLogEnabled = 0;
-    }
-    static void resetSingletons() {
-        NuvManager::resetForTesting();
-        VekStatsImpl::resetForTesting();
-        IptablesManager::resetForTesting();
-        Parameters::resetForTesting();
     }
     NuvManager* configured(const std::vector<std::string>& ifaces) {
         Parameters::instance();
@@ -82,15 +63,7 @@ class Manager : public testing::Test {
         return out;
     }
 
-    vekd::test::TempRoot root;
-    vekd::test::FakeProperties props;
-    vekd::test::RecordingCommandPipe pipe;
-    vekd::test::FakeProcessLauncher launcher;
-    vekd::test::FakeClock clock;
-    vekd::test::FakeChangeWaiter waiter;
-    vekd::test::FakeNetlink netlink;
     RecordingControlFile control;
-    vekd::test::LogCapture log;
 };
 
 const std::string kWlan = "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1";

@@ -1,0 +1,45 @@
+// The daemon's singletons (store, rule manager, statistics engine, link
+// manager) run in the test process against fakes of everything they touch:
+// a temporary root, properties, commands, the route check, the clock, the
+// change waiter, netlink and the log. Each instance starts and ends with
+// fresh singletons. Header-only: for tests that link the daemon's libraries.
+#pragma once
+
+#include "config/Parameters.h"
+#include "daemon/DebugFlag.h"
+#include "manager/NuvManager.h"
+#include "rules/IptablesManager.h"
+#include "stats/VekStatsImpl.h"
+#include "tests/support/FakeNetlink.h"
+#include "tests/support/Fakes.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempRoot.h"
+
+namespace vekd::test {
+
+inline void resetDaemonSingletons() {
+    NuvManager::resetForTesting();
+    VekStatsImpl::resetForTesting();
+    IptablesManager::resetForTesting();
+    Parameters::resetForTesting();
+}
+
+struct InProcessDaemon {
+    InProcessDaemon() { resetDaemonSingletons(); }
+    // The singletons go first, while the fakes they use are still installed.
+    ~InProcessDaemon() {
+        resetDaemonSingletons();
+        gDebugLogEnabled = 0;
+    }
+
+    TempRoot root;
+    FakeProperties props;
+    RecordingCommandPipe pipe;
+    FakeProcessLauncher launcher;
+    FakeClock clock;
+    FakeChangeWaiter waiter;
+    FakeNetlink netlink;
+    LogCapture log;
+};
+
+}  // namespace vekd::test
