@@ -2,7 +2,7 @@
 # Installs what is missing, then builds and runs every test: once in a normal
 # build and once under the address and undefined-behaviour sanitizers; the
 # tests that run threads against each other (label "threads") run a third time
-# under the thread sanitizer.
+# under the thread sanitizer; then the fuzz targets and a short soak run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,5 +24,12 @@ echo "=== tsan build ==="
 scripts/build.sh tsan
 echo "=== tsan tests ==="
 ctest --test-dir build/tsan --output-on-failure -j"$(nproc)" --timeout 300 -L threads || status=1
+
+# Robustness: each fuzz target for a share of a minute (clang tree
+# build/fuzz), then a one-minute soak of the normal build on the testbed.
+echo "=== fuzzing ==="
+scripts/fuzz.sh 60 || status=1
+echo "=== soak ==="
+scripts/soak.sh 60 || status=1
 
 exit $status
