@@ -15,6 +15,8 @@
 #include <utils/String16.h>
 #include <utils/String8.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -112,7 +114,11 @@ int connectService() {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", world->socketPath.c_str());
-    FUZZ_CHECK(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0);
+    int rc;
+    do {
+        rc = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    } while (rc != 0 && errno == EINTR);
+    FUZZ_CHECK(rc == 0);
     return fd;
 }
 
@@ -130,11 +136,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t maxReplies = walkFrames(data, size);
 
+    // libFuzzer's timeout alarm interrupts system calls now and then.
     int fd = connectService();
     // The service may close early (a bad length); later bytes then go nowhere.
     size_t sent = 0;
     while (sent < size) {
         ssize_t n = send(fd, data + sent, size - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         sent += static_cast<size_t>(n);
     }
@@ -142,11 +150,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::vector<uint8_t> in;
     uint8_t chunk[65536];
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     for (;;) {
         struct pollfd p = {fd, POLLIN, 0};
-        // Far beyond any turn of the service: a hang is a fault.
-        FUZZ_CHECK(poll(&p, 1, 10000) == 1);
+        const int ready = poll(&p, 1, 100);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready == 0) {
+            // Far beyond any turn of the service: a hang is a fault.
+            FUZZ_CHECK(std::chrono::steady_clock::now() < deadline);
+            continue;
+        }
+        FUZZ_CHECK(ready == 1);
         ssize_t n = recv(fd, chunk, sizeof(chunk), 0);
+        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         in.insert(in.end(), chunk, chunk + n);
     }

@@ -61,6 +61,16 @@ bool parseUid(const char* text, int* uid) {
     return true;
 }
 
+// The kernel answers 0 or a negated errno; any other code comes from a
+// damaged message and must not reach strerror(-code), which cannot even
+// negate INT_MIN.
+int kernelError(int32_t code) {
+    if (code <= 0 && code >= -4095) return code;
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "VEK_GAMING netlink error code %d is no errno, message damaged",
+                        code);
+    return -EBADMSG;
+}
+
 bool isV4MappedWithLastOctet127(const uint8_t* a) {
     static const uint8_t kMappedPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
     return memcmp(a, kMappedPrefix, sizeof(kMappedPrefix)) == 0 && a[15] == 127;
@@ -146,7 +156,7 @@ int SockDiag::checkImmediateError(int fd) {
     errno = 0;
     ssize_t n = ops().recvfrom(fd, &probe, sizeof(probe), MSG_PEEK | MSG_DONTWAIT);
     if (n == static_cast<ssize_t>(sizeof(probe)) && probe.nlh.nlmsg_type == NLMSG_ERROR) {
-        const int error = probe.err.error;
+        const int error = kernelError(probe.err.error);
         ErrorProbe consumed{};
         ops().recvfrom(fd, &consumed, sizeof(consumed), 0);
         return error;
@@ -216,7 +226,7 @@ int SockDiag::readDiagMsg(uint8_t proto,
                 }
                 int32_t error;
                 memcpy(&error, NLMSG_DATA(nlh), sizeof(error));
-                return error;
+                return kernelError(error);
             }
             if (len < NLMSG_LENGTH(sizeof(inet_diag_msg))) {
                 __android_log_print(ANDROID_LOG_ERROR, kTag,

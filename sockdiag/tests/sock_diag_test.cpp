@@ -248,6 +248,14 @@ TEST_F(DumpWalk, ErrorInTheDumpEndsItWithTheKernelsValue) {
     EXPECT_EQ(ports, (std::vector<int>{1}));
 }
 
+TEST_F(DumpWalk, ErrorCodesThatAreNoErrnoCountAsDamagedMessages) {
+    std::vector<int> ports;
+    netlink.queue(kDumpFd, FakeNetlink::error(7));
+    EXPECT_EQ(walk(&ports), -EBADMSG);
+    netlink.queue(kDumpFd, FakeNetlink::error(-4095));
+    EXPECT_EQ(walk(&ports), -4095);
+}
+
 TEST_F(DumpWalk, TruncatedAndMalformedMessagesAreNeverRead) {
     // A message claiming more bytes than the read returned ends the walk of
     // that datagram; the next read goes on.
@@ -437,6 +445,14 @@ TEST_F(SockDiagTest, FailedTcpPassStillRunsTheUdpPassWhoseResultIsReturned) {
     EXPECT_EQ(killSocketsForUID("10123"), -EINVAL);
     EXPECT_EQ(log.linesOf("VEKD_SockDiag"), (Lines{"E  VEK_GAMING destroying TCP sockets: 10123",
                                                    "E  VEK_GAMING Error destroying UDP sockets: Invalid argument"}));
+}
+
+// Found by fuzzing: a damaged error message carrying INT_MIN was negated
+// for strerror.
+TEST_F(SockDiagTest, ErrorCodesThatAreNoErrnoCountAsDamagedMessages) {
+    netlink.setResponder([](int, const Bytes&) { return std::vector<Bytes>{FakeNetlink::error(INT32_MIN)}; });
+    EXPECT_EQ(killSocketsForUID("10123"), -EBADMSG);
+    EXPECT_TRUE(log.contains("VEK_GAMING netlink error code -2147483648 is no errno, message damaged"));
 }
 
 TEST_F(SockDiagTest, KillReportsSocketsThatCannotBeOpened) {
