@@ -9,6 +9,8 @@
 #include "platform/CommandPipe.h"
 #include "platform/LogSink.h"
 #include "stats/StatsFileAccess.h"
+#include "tests/support/Fakes.h"
+#include "tests/support/TempRoot.h"
 
 namespace vekd::fuzz {
 
@@ -48,6 +50,15 @@ class AbsentStatsFiles : public stats::StatsFileAccess {
 
   private:
     ScopedSeam<stats::StatsFileAccess> m_scope;
+};
+
+// What every target that runs daemon code stands on: a root of its own,
+// properties in memory, a route check that always succeeds, a silent log.
+struct HostStandIns {
+    test::TempRoot root;
+    test::FakeProperties props;
+    test::FakeProcessLauncher launcher;
+    QuietLog log;
 };
 
 // Stops the process the way libFuzzer reports as a crash, with the reason.

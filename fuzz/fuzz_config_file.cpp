@@ -9,19 +9,10 @@
 #include "config/Parameters.h"
 #include "daemon/DebugFlag.h"
 #include "fuzz/FuzzSupport.h"
-#include "tests/support/Fakes.h"
-#include "tests/support/TempRoot.h"
 
 namespace {
 
-struct World {
-    vekd::test::TempRoot root;
-    vekd::test::FakeProperties props;
-    vekd::test::FakeProcessLauncher launcher;
-    vekd::fuzz::QuietLog log;
-};
-
-World* world;
+vekd::fuzz::HostStandIns* world;
 
 bool safeField(const char* text, size_t size) {
     const size_t n = strnlen(text, size);
@@ -35,7 +26,7 @@ bool safeField(const char* text, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    world = new World();
+    world = new vekd::fuzz::HostStandIns();
     world->root.writeFile(kVekdConfPath, "");
     return 0;
 }

@@ -8,19 +8,10 @@
 #include "config/Parameters.h"
 #include "daemon/DebugFlag.h"
 #include "fuzz/FuzzSupport.h"
-#include "tests/support/Fakes.h"
-#include "tests/support/TempRoot.h"
 
 namespace {
 
-struct World {
-    vekd::test::TempRoot root;
-    vekd::test::FakeProperties props;
-    vekd::test::FakeProcessLauncher launcher;
-    vekd::fuzz::QuietLog log;
-};
-
-World* world;
+vekd::fuzz::HostStandIns* world;
 
 void checkField(const char* text, size_t size, bool mayBeEmpty) {
     const size_t n = strnlen(text, size);
@@ -34,7 +25,7 @@ void checkField(const char* text, size_t size, bool mayBeEmpty) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    world = new World();
+    world = new vekd::fuzz::HostStandIns();
     return 0;
 }
 

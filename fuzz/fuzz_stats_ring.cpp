@@ -15,8 +15,6 @@
 #include "rules/IptablesManager.h"
 #include "stats/StatsFileLayout.h"
 #include "stats/VekStatsImpl.h"
-#include "tests/support/Fakes.h"
-#include "tests/support/TempRoot.h"
 
 namespace {
 
@@ -30,11 +28,7 @@ struct Link {
 };
 constexpr Link kLinkTable[kLinks] = {{"wlan0", false}, {"wlan1", false}, {"rmnet_data0", true}};
 
-struct World {
-    vekd::test::TempRoot root;
-    vekd::test::FakeProperties props;
-    vekd::test::FakeProcessLauncher launcher;
-    vekd::fuzz::QuietLog log;
+struct World : vekd::fuzz::HostStandIns {
     vekd::fuzz::NullCommandPipe commands;
     vekd::fuzz::AbsentStatsFiles files;
     vekd::test::FakeClock clock{kNowMs};

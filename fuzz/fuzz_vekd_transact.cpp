@@ -16,19 +16,13 @@
 #include "rules/IptablesManager.h"
 #include "stats/VekStatsImpl.h"
 #include "tests/support/FakeNetlink.h"
-#include "tests/support/Fakes.h"
-#include "tests/support/TempRoot.h"
 
 using android::Parcel;
 
 namespace {
 
-struct World {
-    vekd::test::TempRoot root;
-    vekd::test::FakeProperties props;
-    vekd::test::FakeProcessLauncher launcher;
+struct World : vekd::fuzz::HostStandIns {
     vekd::test::FakeChangeWaiter waiter;
-    vekd::fuzz::QuietLog log;
     vekd::fuzz::NullCommandPipe commands;
     vekd::fuzz::AbsentStatsFiles files;
 };
