@@ -336,8 +336,8 @@ def summarize(events, links, traffic, app_uid, other_uid, settle=3.0, scenario="
 
 # --- presentation ------------------------------------------------------------
 
-def _fmt(x, spec, none="-"):
-    return none if x is None else format(x, spec)
+def _fmt(x, pattern, none="-"):
+    return none if x is None else format(x, pattern)
 
 
 def format_summary(summary):
