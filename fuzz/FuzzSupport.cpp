@@ -3,7 +3,10 @@
 #include <sys/mman.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <vector>
 
 namespace vekd::fuzz {
 
@@ -35,6 +38,19 @@ void* AbsentStatsFiles::mmap(size_t, int, int, int, off_t) {
 }
 
 int AbsentStatsFiles::munmap(void*, size_t) { return 0; }
+
+void removeAtExit(const std::string& dir) {
+    static std::vector<std::string>* dirs = new std::vector<std::string>();
+    if (dirs->empty()) {
+        atexit([] {
+            for (const std::string& d : *dirs) {
+                std::error_code ec;
+                std::filesystem::remove_all(d, ec);
+            }
+        });
+    }
+    dirs->push_back(dir);
+}
 
 void fail(const char* what) {
     fprintf(stderr, "fuzz: %s\n", what);

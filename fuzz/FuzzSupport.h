@@ -52,9 +52,14 @@ class AbsentStatsFiles : public stats::StatsFileAccess {
     ScopedSeam<stats::StatsFileAccess> m_scope;
 };
 
+// libFuzzer ends the process with exit(), never destroying the targets'
+// long-lived state: remove `dir` then.
+void removeAtExit(const std::string& dir);
+
 // What every target that runs daemon code stands on: a root of its own,
 // properties in memory, a route check that always succeeds, a silent log.
 struct HostStandIns {
+    HostStandIns() { removeAtExit(root.path()); }
     test::TempRoot root;
     test::FakeProperties props;
     test::FakeProcessLauncher launcher;

@@ -60,6 +60,7 @@ class EchoService : public android::BBinder {
 };
 
 struct World {
+    World() { vekd::fuzz::removeAtExit(root.path()); }
     vekd::test::TempRoot root;
     vekd::fuzz::QuietLog log;
     std::string socketPath;
