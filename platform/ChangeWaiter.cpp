@@ -5,15 +5,47 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <mutex>
+
+#ifdef __ANDROID__
+#include <sys/system_properties.h>
+#endif
 
 #include "platform/PropertyStore.h"
 
 namespace vekd::platform {
 namespace {
 
+#ifdef __ANDROID__
+// Device: the property area's global serial changes with every property
+// write. The platform's wait cannot be interrupted, so it is taken in short
+// slices between which wake() is noticed.
+class PropertyAreaWaiter : public ChangeWaiter {
+  public:
+    void arm() override { m_serial = __system_property_area_serial(); }
+
+    void waitForChange(int timeoutMs) override {
+        constexpr int kSliceMs = 50;
+        for (int waited = 0; waited < timeoutMs && !m_woken.exchange(false); waited += kSliceMs) {
+            const timespec slice = {0, kSliceMs * 1000000L};
+            uint32_t serial = m_serial;
+            if (__system_property_wait(nullptr, m_serial, &serial, &slice) && serial != m_serial) {
+                m_serial = serial;
+                return;
+            }
+        }
+    }
+
+    void wake() override { m_woken = true; }
+
+  private:
+    uint32_t m_serial = 0;
+    std::atomic<bool> m_woken{false};
+};
+#else
 // Host: inotify on the property directory, and an eventfd for wake().
 class InotifyWaiter : public ChangeWaiter {
   public:
@@ -60,11 +92,16 @@ class InotifyWaiter : public ChangeWaiter {
     int m_wakeFd;
     int m_inotifyFd = -1;
 };
+#endif
 
 }  // namespace
 
 ChangeWaiter& ChangeWaiter::real() {
+#ifdef __ANDROID__
+    static PropertyAreaWaiter waiter;
+#else
     static InotifyWaiter waiter;
+#endif
     return waiter;
 }
 
