@@ -29,6 +29,14 @@ bool isSafeText(const char* text) {
     return true;
 }
 
+// Blanks may surround a field but not split it: a second word would become
+// an argument of its own ("0x5A -j ACCEPT") in the command lines.
+bool isOneWord(const char* text) {
+    const char* p = text + strspn(text, " ");
+    p += strcspn(p, " ");
+    return p[strspn(p, " ")] == '\0';
+}
+
 }  // namespace
 
 void Parameters::updateInterfaceParams() {
@@ -119,6 +127,12 @@ bool Parameters::validateInterfaceParams(InterfaceInfo_t* info) {
                                 "%s Interface %s rejected: only letters, digits, blank and "
                                 "._-:/@+ are allowed in its fields",
                                 kFn, info->name);
+            result = false;
+        } else if (!isOneWord(info->name) || !isOneWord(info->routeTable) || !isOneWord(info->fwmark) ||
+                   !isOneWord(info->dnsServer)) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag,
+                                "%s Interface %s rejected: a field holds more than one word", kFn,
+                                info->name);
             result = false;
         }
     }

@@ -79,6 +79,12 @@ TEST_F(InterfaceParams, ShellSyntaxInAnyFieldIsRejected) {
         EXPECT_EQ(p->parseInterfaceParams(text), nullptr) << text;
     }
     EXPECT_EQ(log.count("rejected: only letters, digits, blank and ._-:/@+ are allowed"), 4u);
+    // No shell, but a second word would still become an argument of its own.
+    for (const char* text : {"wlan0,0,wlan0,0x5A -j ACCEPT,1,1,1,1.1.1.1", "wlan0,0,wlan0 -t nat,0x5A,1,1,1,1.1.1.1",
+                             "wlan0,0,wlan0,0x5A,1,1,1,1.1.1.1 -j X"}) {
+        EXPECT_EQ(p->parseInterfaceParams(text), nullptr) << text;
+    }
+    EXPECT_EQ(log.count("rejected: a field holds more than one word"), 3u);
 }
 
 TEST_F(InterfaceParams, TenThousandCommasAreJustTooManyFields) {
