@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "config/Parameters.h"
+#include "daemon/CommandRunner.h"
 #include "daemon/DebugFlag.h"
 
 namespace {
@@ -29,13 +30,6 @@ bool isSafeText(const char* text) {
     return true;
 }
 
-// Blanks may surround a field but not split it: a second word would become
-// an argument of its own ("0x5A -j ACCEPT") in the command lines.
-bool isOneWord(const char* text) {
-    const char* p = text + strspn(text, " ");
-    p += strcspn(p, " ");
-    return p[strspn(p, " ")] == '\0';
-}
 
 }  // namespace
 

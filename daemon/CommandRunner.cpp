@@ -16,6 +16,13 @@ bool commandHasShellSyntax(const char* command) {
     return command != nullptr && strpbrk(command, ";|&$`<>()\\'\"\n") != nullptr;
 }
 
+bool isOneWord(const char* text) {
+    if (text == nullptr) return true;
+    const char* p = text + strspn(text, " ");
+    p += strcspn(p, " ");
+    return p[strspn(p, " ")] == '\0';
+}
+
 int execnetd(const char* command) {
     if (command == nullptr) return -1;
     if (commandHasShellSyntax(command)) {

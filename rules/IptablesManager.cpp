@@ -315,6 +315,13 @@ void IptablesManager::setup_NUV_UID_iptables_chains(std::map<std::string, NuvMod
     execnetd(IPTABLES "-t mangle -F kwop_NUV ");
     for (const auto& entry : uidModes) {
         const char* uid = entry.first.c_str();
+        // UID texts from the configuration file reach the command line as
+        // they are; a second word would become an iptables argument.
+        if (!isOneWord(uid)) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s UID \"%s\" is not one word, no rule for it",
+                                "setup_NUV_UID_iptables_chains", uid);
+            continue;
+        }
         if (gDebugLogEnabled) {
             __android_log_print(ANDROID_LOG_ERROR, kTag, "The UID Vec entry for UID %s has mode %d", uid,
                                 static_cast<int>(entry.second));
