@@ -3,11 +3,11 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "platform/LogSink.h"
+#include "platform/WriteAll.h"
 
 namespace vekd::platform {
 namespace {
@@ -18,18 +18,6 @@ char priorityLetter(int priority) {
     static const char kLetters[] = "??VDIWEF";
     if (priority < 0 || priority >= static_cast<int>(sizeof(kLetters) - 1)) return '?';
     return kLetters[priority];
-}
-
-void writeAll(int fd, const std::string& text) {
-    const char* p = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        ssize_t n = ::write(fd, p, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
 }
 
 class StderrSink : public LogSink {

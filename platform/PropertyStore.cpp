@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "platform/Root.h"
+#include "platform/WriteAll.h"
 
 namespace vekd::platform {
 namespace {
@@ -24,17 +25,6 @@ bool makeDirs(const std::string& dir) {
         path = dir.substr(0, pos);
         if (path.empty()) continue;
         if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-    return true;
-}
-
-bool writeFully(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
     }
     return true;
 }
@@ -72,7 +62,7 @@ class FilePropertyStore : public PropertyStore {
                                 std::to_string(syscall(SYS_gettid));
         int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (fd < 0) return false;
-        bool ok = writeFully(fd, value + "\n");
+        bool ok = writeAll(fd, value + "\n");
         ok = (::close(fd) == 0) && ok;
         if (!ok || ::rename(tmp.c_str(), (dir + "/" + name).c_str()) != 0) {
             ::unlink(tmp.c_str());
