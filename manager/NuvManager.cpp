@@ -3,6 +3,7 @@
 #include <android/log.h>
 
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <shared_mutex>
 #include <sstream>
@@ -151,42 +152,41 @@ void NuvManager::cleanup() {
     m_cleanedUp = true;
 }
 
-void NuvManager::setRuleForUid(int uid, int mode) {
+void NuvManager::changeUid(int uid, int mode,
+                           const std::function<void(const std::string&, const NuvMode*)>& change) {
     const std::string key = uidKey(uid);
     std::shared_lock<std::shared_mutex> life(s_lifeMutex);
     if (m_cleanedUp) return;
     RuleLock rules;
     if (m_iptables == nullptr) m_iptables = IptablesManager::instance();
     auto it = m_uidModes.find(key);
-    if (it == m_uidModes.end()) {
-        if (gDebugLogEnabled) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "did not find the element for %s ", key.c_str());
-        }
-        m_iptables->update_NUV_iptables_for_UID(key, NUV_MODE_VEK, static_cast<NuvMode>(mode));
-    } else {
-        if (gDebugLogEnabled) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "found the element for %s ", key.c_str());
-        }
-        m_iptables->update_NUV_iptables_for_UID(key, it->second, static_cast<NuvMode>(mode));
-    }
+    change(key, it == m_uidModes.end() ? nullptr : &it->second);
     m_uidModes[key] = static_cast<NuvMode>(mode);
 }
 
+void NuvManager::setRuleForUid(int uid, int mode) {
+    changeUid(uid, mode, [&](const std::string& key, const NuvMode* recorded) {
+        if (gDebugLogEnabled) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag,
+                                recorded ? "found the element for %s " : "did not find the element for %s ",
+                                key.c_str());
+        }
+        // An unknown UID is taken to have been in mode 1.
+        m_iptables->update_NUV_iptables_for_UID(key, recorded ? *recorded : NUV_MODE_VEK,
+                                                static_cast<NuvMode>(mode));
+    });
+}
+
 void NuvManager::removeRuleForUid(int uid, int mode) {
-    const std::string key = uidKey(uid);
-    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
-    if (m_cleanedUp) return;
-    RuleLock rules;
-    if (m_iptables == nullptr) m_iptables = IptablesManager::instance();
-    auto it = m_uidModes.find(key);
-    if (it != m_uidModes.end()) {
+    // The entry is kept, not erased: a later update finds the UID with this
+    // mode as its old one.
+    changeUid(uid, mode, [&](const std::string& key, const NuvMode* recorded) {
+        if (recorded == nullptr) return;
         if (gDebugLogEnabled) {
             __android_log_print(ANDROID_LOG_ERROR, kTag, "found the element for %s ", key.c_str());
         }
-        m_iptables->remove_NUV_iptables_for_UID(key, it->second);
-    }
-    // Kept, not erased: a later update finds the UID with this mode as its old one.
-    m_uidModes[key] = static_cast<NuvMode>(mode);
+        m_iptables->remove_NUV_iptables_for_UID(key, *recorded);
+    });
 }
 
 void NuvManager::notifyWlanHasInternet(bool hasInternet) {

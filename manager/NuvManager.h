@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -38,6 +39,11 @@ class NuvManager {
   private:
     NuvManager();
     NuvManager(const NuvManager&) = delete;
+    // The common frame of the UID operations: under the rule lock, `change`
+    // gets the UID's key and its recorded mode (null when unknown); `mode`
+    // is recorded afterwards. Nothing happens after cleanup.
+    void changeUid(int uid, int mode,
+                   const std::function<void(const std::string&, const NuvMode*)>& change);
     NuvManager& operator=(const NuvManager&) = delete;
 
     IptablesManager* m_iptables = nullptr;
