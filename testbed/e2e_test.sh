@@ -46,12 +46,7 @@ finish() {
   exit $?
 }
 
-tb_net_up
-tb_server_up
-tb_make_root
-tb_daemons_up
-tb_accounting
-tb_configure
+tb_bring_up
 
 # --- the daemon's rules exist in the client namespace -----------------------
 mangle=$(tb_c iptables -w -t mangle -S)

@@ -243,6 +243,16 @@ tb_accounting() {
   done
 }
 
+# The whole testbed, up to a configured daemon with our own counters.
+tb_bring_up() {
+  tb_net_up
+  tb_server_up
+  tb_make_root
+  tb_daemons_up
+  tb_accounting
+  tb_configure
+}
+
 # Timeline records of our own: phases of the run and shaping changes.
 tb_mark() {
   printf '{"kind": "mark", "name": "%s", "t": %s}\n' "$1" "$(date +%s.%N)" >>"$TB_WORK/timeline.jsonl"

@@ -87,12 +87,7 @@ source "$here/lib.sh"
 tb_init
 tb_require
 echo "== scenario $scenario: wlan0 $wlan kbit/s, rmnet_data0 $wwan kbit/s, $duration s of traffic"
-tb_net_up
-tb_server_up
-tb_make_root
-tb_daemons_up
-tb_accounting
-tb_configure
+tb_bring_up
 echo "== daemon configured through vekctl; its rules in the handset namespace:"
 {
   tb_c iptables -w -t mangle -S | grep -E '^-N kwop|^-A (OUTPUT|kwop_NUV|kwop_DNS|kwop_fw_)'
