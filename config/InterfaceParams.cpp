@@ -20,12 +20,14 @@ void copyBounded(char* dst, size_t dstSize, const std::string& src) {
     dst[n] = '\0';
 }
 
-// Text that ends up inside command lines: letters, digits, blank and . _ - : / @ +
+// Text that ends up inside command lines: letters, digits, blank and . _ - : / @ +.
+// Whitespace passes here and is judged by the one-word test, so a tab gets
+// the same answer as an inner blank.
 bool isSafeText(const char* text) {
     for (const char* p = text; *p; ++p) {
         const unsigned char c = static_cast<unsigned char>(*p);
         if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) continue;
-        if (strchr(" ._-:/@+", c) == nullptr) return false;
+        if (strchr(" ._-:/@+\t\n\v\f\r", c) == nullptr) return false;
     }
     return true;
 }
@@ -54,7 +56,12 @@ void Parameters::updateInterfaceParams() {
                                 i, i, text.c_str());
         }
         InterfaceInfo_t* info = parseInterfaceParams(text);
-        if (info != nullptr && addNewInterfacetoMap(info)) ++added;
+        if (info == nullptr) continue;
+        if (addNewInterfacetoMap(info)) {
+            ++added;
+        } else {
+            free(info);  // rejected: nothing points at it
+        }
     }
     if (gDebugLogEnabled) {
         __android_log_print(ANDROID_LOG_DEBUG, kTag,
@@ -154,7 +161,10 @@ bool Parameters::addNewInterfacetoMap(InterfaceInfo_t* info) {
         return false;
     }
     InterfaceInfo_t*& slot = m_interfaceMap[info->name];
-    if (slot != nullptr && slot != info) m_retiredInterfaces.push_back(slot);
+    // Readers of the map hold no pointer into a record beyond their own turn
+    // (the link manager keeps a copy of its DNS choice), so the replaced
+    // record can go at once.
+    if (slot != info) free(slot);
     slot = info;
     if (gDebugLogEnabled) {
         __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s Added %s to list of interfaces ",

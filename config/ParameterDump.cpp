@@ -9,9 +9,12 @@
 namespace {
 constexpr const char* kTag = "VekParameters";
 
+// Null when the command does not fit: a list cut short would have the module
+// measure something else than configured.
 char* formatCommand(char* buf, size_t size, const char* key, const std::string& value) {
-    if (buf != nullptr && size > 0) snprintf(buf, size, "%s=%s", key, value.c_str());
-    return buf;
+    if (buf == nullptr || size == 0) return nullptr;
+    const int length = snprintf(buf, size, "%s=%s", key, value.c_str());
+    return length >= 0 && static_cast<size_t>(length) < size ? buf : nullptr;
 }
 }  // namespace
 

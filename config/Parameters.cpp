@@ -37,7 +37,6 @@ void Parameters::resetForTesting() {
 
 Parameters::~Parameters() {
     for (auto& entry : m_interfaceMap) free(entry.second);
-    for (InterfaceInfo_t* info : m_retiredInterfaces) free(info);
 }
 
 void Parameters::reset() {

@@ -58,7 +58,8 @@ class Parameters {
     void populateVekUidVec();
 
     // Parameter dump and the statistics commands ("protocols=...", "ports=...").
-    // The getters write at most `size` bytes, NUL included.
+    // The getters write at most `size` bytes, NUL included, and return null
+    // when the command does not fit.
     void printGamingParams();
     char* getStatsProtocols(char* buf, size_t size);
     char* getStatsPorts(char* buf, size_t size);
@@ -118,10 +119,6 @@ class Parameters {
     ~Parameters();
     Parameters(const Parameters&) = delete;
     Parameters& operator=(const Parameters&) = delete;
-
-    // Records replaced in the map stay allocated: other components may still
-    // point into them (the link manager keeps the DNS interface's record).
-    std::vector<InterfaceInfo_t*> m_retiredInterfaces;
 };
 
 // Whether "/system/bin/ip-wrapper-1.0 route show table <name>" succeeds.

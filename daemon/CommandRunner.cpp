@@ -10,14 +10,19 @@
 namespace {
 constexpr const char* kTag = "NUVIptables";
 constexpr size_t kLineBufferSize = 1024;
+// Whitespace other than the blank: a shell splits words at tabs too, and no
+// command line of the daemon's own holds any of these.
+constexpr const char* kOtherWhitespace = "\t\n\v\f\r";
 }  // namespace
 
 bool commandHasShellSyntax(const char* command) {
-    return command != nullptr && strpbrk(command, ";|&$`<>()\\'\"\n") != nullptr;
+    return command != nullptr &&
+           (strpbrk(command, ";|&$`<>()\\'\"") != nullptr || strpbrk(command, kOtherWhitespace) != nullptr);
 }
 
 bool isOneWord(const char* text) {
     if (text == nullptr) return true;
+    if (strpbrk(text, kOtherWhitespace) != nullptr) return false;
     const char* p = text + strspn(text, " ");
     p += strcspn(p, " ");
     return p[strspn(p, " ")] == '\0';

@@ -6,11 +6,13 @@
 int execnetd(const char* command);
 
 // True when `command` holds a character that a shell would treat as syntax
-// (; | & $ ` < > ( ) \ ' " or a newline). No command line of the daemon's own
-// contains one, so such a line can only come from text injected by a client.
+// (; | & $ ` < > ( ) \ ' ") or whitespace other than the blank (tab, newline,
+// vertical tab, form feed, carriage return). No command line of the daemon's
+// own contains one, so such a line can only come from text injected by a client.
 bool commandHasShellSyntax(const char* command);
 
 // True when `text` is at most one word: blanks may surround it but not split
-// it. Text put into a command line must be one argument, or its second word
+// it, and it holds no other whitespace (a shell splits at a tab as well).
+// Text put into a command line must be one argument, or its second word
 // would become an argument of its own ("0x5A -j ACCEPT").
 bool isOneWord(const char* text);

@@ -124,8 +124,11 @@ void NuvManager::configInterfaceRelatedParams() {
     m_iptables->setup_NUV_iptables_FWMARK_chains();
 
     if (m_stats == nullptr) {
-        m_stats = VekStatsImpl::instance();
-        m_stats->enableVEK(true);
+        VekStatsImpl* stats = VekStatsImpl::instance();
+        stats->enableVEK(true);
+        // The WLAN notification reads m_stats under the rule lock.
+        RuleLock rules;
+        m_stats = stats;
     }
 
     if (m_params != nullptr) {
@@ -193,10 +196,12 @@ void NuvManager::notifyWlanHasInternet(bool hasInternet) {
     std::shared_lock<std::shared_mutex> life(s_lifeMutex);
     if (m_cleanedUp) return;
 
-    char oldServer[16];
+    char oldServer[sizeof(InterfaceInfo_t::dnsServer)];
     oldServer[0] = '\0';
-    InterfaceInfo_t* chosen = nullptr;
-    const char* newServer = nullptr;
+    // Copies of the choice, for the rule update after the lock is released.
+    char chosenName[sizeof(InterfaceInfo_t::name)];
+    char newServer[sizeof(InterfaceInfo_t::dnsServer)];
+    bool chosen = false;
     {
         RuleLock rules;
         if (m_dnsServer != nullptr) {
@@ -216,19 +221,23 @@ void NuvManager::notifyWlanHasInternet(bool hasInternet) {
                 const bool isPreferredOther = strcmp(info->fwmark, "0x5B") == 0;
                 const bool isOther = strcmp(info->fwmark, "0x5C") == 0;
                 if (hasInternet ? isWlan : (isPreferredOther || isOther)) {
-                    m_dnsIface = info;
-                    m_dnsServer = info->dnsServer;
+                    m_dnsChoice = *info;
+                    m_dnsIface = &m_dnsChoice;
+                    m_dnsServer = m_dnsChoice.dnsServer;
                     if (hasInternet || isPreferredOther) break;
                 }
             }
         }
-        chosen = m_dnsIface;
-        newServer = m_dnsServer;
+        if (m_dnsIface != nullptr) {
+            chosen = true;
+            memcpy(chosenName, m_dnsIface->name, sizeof(chosenName));
+            memcpy(newServer, m_dnsServer, sizeof(newServer));
+        }
     }
 
     // Until an interface has been chosen there is nothing to point DNS at.
-    if (chosen == nullptr) return;
-    m_iptables->update_NUV_iptables_for_DNS(chosen->name, oldServer, const_cast<char*>(newServer));
+    if (!chosen) return;
+    m_iptables->update_NUV_iptables_for_DNS(chosenName, oldServer, newServer);
 }
 
 std::map<std::string, NuvMode> NuvManager::uidModes() {

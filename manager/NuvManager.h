@@ -50,7 +50,10 @@ class NuvManager {
     VekStatsImpl* m_stats = nullptr;
     Parameters* m_params = nullptr;
     std::map<std::string, NuvMode> m_uidModes;
+    // The DNS choice points at the manager's own copy of the chosen record,
+    // so that it survives the store replacing or freeing that record.
     InterfaceInfo_t* m_dnsIface = nullptr;
     const char* m_dnsServer = nullptr;
+    InterfaceInfo_t m_dnsChoice{};
     bool m_cleanedUp = false;
 };

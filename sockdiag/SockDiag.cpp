@@ -19,8 +19,10 @@ namespace {
 
 constexpr const char* kTag = "VEKD_SockDiag";
 
-// Every TCP state from TCP_ESTABLISHED (1) to TCP_NEW_SYN_RECV (12) except
-// TCP_LISTEN (10): listening sockets keep accepting under the new rules.
+// Bits 0 to 11 except bit 10: every TCP state from TCP_ESTABLISHED (1) to
+// TCP_CLOSING (11) except TCP_LISTEN (10), so listening sockets keep
+// accepting under the new rules. Bit 0 names no state; TCP_NEW_SYN_RECV (12)
+// is not included. UDP sockets report their state in the same numbering.
 constexpr uint32_t kStatesToDestroy = 0xbff;
 
 constexpr size_t kReadBufferSize = 8192;

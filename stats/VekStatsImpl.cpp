@@ -23,6 +23,7 @@ constexpr const char* kControlPath = "/proc/vek/config";
 constexpr const char* kProcDir = "/proc/vek";
 constexpr int kMapAttempts = 3;
 constexpr useconds_t kMapRetryMicros = 500000;
+constexpr int kCommandBufferSize = 512;
 
 std::atomic<VekStatsImpl*> gInstance{nullptr};
 
@@ -106,7 +107,7 @@ int VekStatsImpl::writeStatsConfFile(const char* command) {
 }
 
 bool VekStatsImpl::enableVEK(bool enable) {
-    char command[512];
+    char command[kCommandBufferSize];
     if (!enable) {
         freeMmap();
         snprintf(command, sizeof(command), "%s%d", "enable=", 0);
@@ -114,9 +115,17 @@ bool VekStatsImpl::enableVEK(bool enable) {
     }
 
     Parameters* params = Parameters::instance();
-    char list[256];
-    writeStatsConfFile(params->getStatsProtocols(list, sizeof(list)));
-    writeStatsConfFile(params->getStatsPorts(list, sizeof(list)));
+    // A list that does not fit is left out rather than sent cut short.
+    auto writeList = [this](const char* text, const char* key) {
+        if (text == nullptr) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s command does not fit in %d bytes, not written",
+                                key, kCommandBufferSize);
+            return;
+        }
+        writeStatsConfFile(text);
+    };
+    writeList(params->getStatsProtocols(command, sizeof(command)), "protocols");
+    writeList(params->getStatsPorts(command, sizeof(command)), "ports");
     for (const auto& entry : params->m_interfaceMap) {
         snprintf(command, sizeof(command), "%s%s", "iface=", entry.first.c_str());
         writeStatsConfFile(command);

@@ -27,11 +27,12 @@ TEST_F(ParameterDump, StatisticsCommandsAreBoundedByTheBuffer) {
     char buf[256];
     EXPECT_STREQ(p->getStatsPorts(buf, sizeof(buf)), "ports=8080");
     EXPECT_STREQ(p->getStatsProtocols(buf, sizeof(buf)), "protocols=http,https");
-    p->m_protocols = std::string(1000, 'p');
+    // A command that does not fit is refused, never written past the buffer.
     char small[12];
     memset(small, 'z', sizeof(small));
-    EXPECT_STREQ(p->getStatsProtocols(small, 8), "protoco");
-    EXPECT_EQ(small[8], 'z');
+    EXPECT_EQ(p->getStatsPorts(small, 10), nullptr);
+    EXPECT_EQ(small[10], 'z');
+    EXPECT_STREQ(p->getStatsPorts(small, 11), "ports=8080");
 }
 
 }  // namespace

@@ -59,11 +59,11 @@ TEST_F(CommandRunner, CommandThatCannotStartLogsTheFailLineEvenWhenQuiet) {
 TEST_F(CommandRunner, ShellSyntaxIsRefusedAndNothingStarts) {
     RecordingCommandPipe pipe;
     for (const char* cmd : {"a;b", "a|b", "a&b", "a$b", "a`b`", "a<b", "a>b", "a(b)", "a\\b",
-                            "a'b", "a\"b", "a\nb"}) {
+                            "a'b", "a\"b", "a\nb", "a\tb", "a\vb", "a\fb", "a\rb"}) {
         EXPECT_EQ(execnetd(cmd), -1) << cmd;
     }
     EXPECT_TRUE(pipe.commands().empty());
-    EXPECT_EQ(log.count("refusing command with shell syntax"), 12u);
+    EXPECT_EQ(log.count("refusing command with shell syntax"), 16u);
     EXPECT_FALSE(commandHasShellSyntax(
         "/system/bin/iptables-wrapper-1.0 -w -t nat -A POSTROUTING -p udp -m udp -m multiport ! "
         "--ports 32000:36999,40100:40150,50010:50060,4500,5060,500 -j kwop_nat_POSTROUTING_NUV"));

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "stats/StatsFileAccess.h"
 #include "tests/support/InProcessDaemon.h"
 
@@ -193,6 +196,42 @@ TEST_F(Manager, WithoutPreferredLinkTheLastOtherWinsAndNoMatchKeepsTheChoice) {
     EXPECT_EQ(pipe.commands(),
               (Commands{kIpt + "mangle -F kwop_DNS",
                         kIpt + "mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_d0"}));
+}
+
+TEST_F(Manager, DnsChoiceOutlivesTheRecordItWasCopiedFrom) {
+    NuvManager* m = configured({kWlan, kWwan});
+    m->notifyWlanHasInternet(true);
+    // The client sends the WLAN again with another server: the store frees
+    // the record the choice was made from.
+    m->setInterfaceParamsNuv(0, "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.9");
+    m->configInterfaceRelatedParams();
+    pipe.clear();
+    m->notifyWlanHasInternet(true);
+    EXPECT_EQ(commandsWith("DNAT"),
+              (Commands{kIpt + "nat -A kwop_DNS_nat -p udp --dport 53 -d 10.1.0.1 -j DNAT --to-destination 10.1.0.9"}));
+}
+
+// The first ready notification publishes the statistics engine while WLAN
+// notifications read it (run under the thread sanitizer).
+TEST_F(Manager, WlanNotificationsRaceTheFirstReadyNotification) {
+    Parameters::instance();
+    NuvManager* m = NuvManager::instance();
+    m->setInterfaceParamsNuv(0, kWlan);
+    Parameters::instance()->m_numInterfaces = 1;
+    std::atomic<bool> done{false};
+    std::atomic<int> calls{0};
+    std::thread notifier([&] {
+        while (!done) {
+            m->notifyWlanHasInternet(true);
+            ++calls;
+        }
+    });
+    while (calls == 0) std::this_thread::yield();
+    m->configInterfaceRelatedParams();
+    done = true;
+    notifier.join();
+    m->notifyWlanHasInternet(true);
+    EXPECT_STREQ(m->dnsInterface()->name, "wlan0");
 }
 
 TEST_F(Manager, NoDnsUpdateBeforeAnyInterfaceWasChosen) {

@@ -354,12 +354,14 @@ TEST_F(UidRules, SetupEmptiesTheMangleChainAndAddsBothRulesPerUid) {
 
     // A leading blank is kept (the rule then matches nothing); a second word is refused.
     pipe.clear();
-    manager()->setup_NUV_UID_iptables_chains({{" 10004", NUV_MODE_VEK}, {"10123 -j ACCEPT", NUV_MODE_VEK}});
+    manager()->setup_NUV_UID_iptables_chains(
+        {{" 10004", NUV_MODE_VEK}, {"10123 -j ACCEPT", NUV_MODE_VEK}, {"10124\t-j\tACCEPT", NUV_MODE_VEK}});
     EXPECT_EQ(pipe.commands(),
               (Lines{IPT + "-t mangle -F kwop_NUV ",
                      IPT + "-t mangle -A kwop_NUV -m owner --uid-owner  10004 -j kwop_NUV2",
                      IPT + "-t nat -A kwop_NUV_nat -m owner --uid-owner  10004 -j kwop_DNS_nat"}));
     EXPECT_TRUE(log.contains("setup_NUV_UID_iptables_chains UID \"10123 -j ACCEPT\" is not one word, no rule for it"));
+    EXPECT_TRUE(log.contains("setup_NUV_UID_iptables_chains UID \"10124\t-j\tACCEPT\" is not one word, no rule for it"));
 }
 
 TEST_F(UidRules, UpdateRewritesBothRulesThenDestroysTheSocketsUnderTheLock) {

@@ -1,9 +1,11 @@
 // The channel to the kernel module over the host's files: control commands
 // through a FIFO, statistics files mapped from disk.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -24,7 +26,7 @@ class ChannelTest : public StatsTest {
         return open(root.at("/proc/vek/config").c_str(), O_RDONLY | O_NONBLOCK);
     }
     static std::string drain(int fd) {
-        char buf[512];
+        char buf[2048];
         ssize_t n = read(fd, buf, sizeof(buf));
         return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
     }
@@ -63,6 +65,17 @@ TEST_F(ChannelTest, EnableConfiguresMapsAndStartsThenDisableUnmapsAndStops) {
     VekStatsImpl::finalize();
     EXPECT_FALSE(mapped("wlan0"));
     EXPECT_TRUE(stats()->m_linkStatsMap.empty());
+    close(fifo);
+}
+
+TEST_F(ChannelTest, ListCommandsUpTo511BytesAreSentWholeLongerOnesNotAtAll) {
+    int fifo = listen();
+    ASSERT_GE(fifo, 0);
+    params->m_protocols = std::string(501, 'p');  // "protocols=" + 501 = 511 bytes
+    params->m_ports = std::string(506, '8');      // "ports=" + 506 = 512 bytes: one too many
+    ASSERT_TRUE(stats()->enableVEK(true));
+    EXPECT_EQ(drain(fifo), cmd("protocols=" + params->m_protocols) + cmd("enable=1"));
+    EXPECT_TRUE(log.contains("ports command does not fit in 512 bytes, not written"));
     close(fifo);
 }
 
@@ -109,6 +122,24 @@ TEST_F(ChannelTest, ShortFileReadsNotReadyUntilThePublisherFillsTheSameInode) {
     struct stat after {};
     ASSERT_EQ(stat(path.c_str(), &after), 0);
     EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
+TEST_F(ChannelTest, ShortFileThatCannotBeExtendedIsAFailedMappingAttempt) {
+    close(open(statsPath("wlan0").c_str(), O_CREAT | O_WRONLY, 0644));
+    configure("wlan0", false);
+    // A file-size limit below the mapping's size makes the extension fail.
+    struct rlimit old {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+    const struct rlimit small = {4096, old.rlim_max};
+    auto previous = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const bool mappedAll = stats()->initMmap();
+    setrlimit(RLIMIT_FSIZE, &old);
+    signal(SIGXFSZ, previous);
+    EXPECT_FALSE(mappedAll);
+    EXPECT_EQ(log.count("mmap stats file failed:File too large"), 3u);
+    EXPECT_EQ(clock.sleeps().size(), 3u);
+    EXPECT_EQ(stats()->m_linkStatsMap.at("wlan0")->statsData, nullptr);
 }
 
 }  // namespace

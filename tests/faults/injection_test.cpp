@@ -38,6 +38,25 @@ std::vector<std::string> payloads(const std::string& marker) {
     return out;
 }
 
+// Texts that would add iptables arguments if any whitespace split them: the
+// word VEKINJECT would then arrive as an argument of its own.
+constexpr const char* kSentinel = "VEKINJECT";
+std::vector<std::string> argumentPayloads() {
+    std::vector<std::string> out;
+    for (const char* sep : {" ", "\t", "\v", "\r"}) {
+        std::string p;
+        for (const char* word : {"-m", "comment", "--comment", kSentinel}) p += sep + std::string(word);
+        out.push_back(p);
+    }
+    return out;
+}
+
+std::vector<std::string> allPayloads(const std::string& marker) {
+    std::vector<std::string> out = payloads(marker);
+    for (const std::string& p : argumentPayloads()) out.push_back(p);
+    return out;
+}
+
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 // `params` with field `index` followed by `payload`.
@@ -66,6 +85,8 @@ void expectNoPayloadInCommands(DaemonUnderTest& d) {
         if (call.rfind("ip-wrapper-1.0 route show table ", 0) == 0) continue;
         EXPECT_EQ(call.find("marker"), std::string::npos) << call;
     }
+    EXPECT_EQ(d.root().argumentRecord().find("<" + std::string(kSentinel) + ">"), std::string::npos)
+        << d.root().argumentRecord();
 }
 
 class Injection : public testing::Test {
@@ -100,7 +121,7 @@ TEST_F(Injection, ThroughVekctl) {
     std::string err;
     const std::vector<std::string> base = {vekd::test::kWlanParams, vekd::test::kWwanParams};
     int slot = 0;
-    for (const std::string& payload : payloads(marker)) {
+    for (const std::string& payload : allPayloads(marker)) {
         for (int index = 0; index < 8; ++index) {
             for (const std::string& params : base) {
                 ASSERT_EQ(d.vekctl({"iface", std::to_string(slot), withPayload(params, index, payload)}, &err), 0)
@@ -121,6 +142,7 @@ TEST_F(Injection, ThroughVekctl) {
     ASSERT_EQ(d.vekctl({"wlan-inet", "0"}, &err), 0) << err << d.log();
 
     EXPECT_TRUE(d.waitForLog("rejected: only letters, digits, blank and ._-:/@+ are allowed", 5s));
+    EXPECT_TRUE(d.waitForLog("rejected: a field holds more than one word", 5s));
     std::this_thread::sleep_for(300ms);
     EXPECT_FALSE(exists(marker)) << "a payload ran:\n" << d.log();
     EXPECT_TRUE(d.alive());
@@ -132,7 +154,7 @@ TEST_F(Injection, ThroughTheConfigurationFile) {
     char dir[] = "/tmp/vekd-inject-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     const std::string marker = std::string(dir) + "/marker";
-    const std::vector<std::string> all = payloads(marker);
+    const std::vector<std::string> all = allPayloads(marker);
 
     // One daemon per payload; newlines end a configuration line, so those
     // payloads lose their second line here, which is as it should be.

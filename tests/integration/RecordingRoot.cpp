@@ -13,7 +13,8 @@ namespace vekd::test {
 namespace {
 
 std::string wrapperScript(const std::string& root, const std::string& name) {
-    return "#!/bin/sh\necho \"" + name + " $*\" >> " + root + "/calls.log\n";
+    return "#!/bin/sh\necho \"" + name + " $*\" >> " + root + "/calls.log\n" +
+           "{ for a in \"$@\"; do printf '<%s>' \"$a\"; done; echo; } >> " + root + "/args.log\n";
 }
 
 }  // namespace
@@ -58,6 +59,13 @@ std::vector<std::string> RecordingRoot::calls() const {
     std::vector<std::string> out;
     for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
+}
+
+std::string RecordingRoot::argumentRecord() const {
+    std::ifstream in(m_root.at("/args.log"));
+    std::stringstream out;
+    out << in.rdbuf();
+    return out.str();
 }
 
 std::vector<std::string> RecordingRoot::controlCommands() const {

@@ -107,7 +107,12 @@ int FakeProcessLauncher::execv(const char*, char* const[]) {
 
 pid_t FakeProcessLauncher::waitpid(pid_t pid, int* status, int) {
     m_waited.push_back(pid);
-    if (status) *status = m_status;
+    int next = m_status;
+    if (!m_queued.empty()) {
+        next = m_queued.front();
+        m_queued.erase(m_queued.begin());
+    }
+    if (status) *status = next;
     return pid;
 }
 

@@ -89,12 +89,15 @@ class FakeProcessLauncher : public platform::ProcessLauncher {
 
     // The wait status for the next children (default 0: exited with 0).
     void setStatus(int status) { m_status = status; }
+    // Statuses for the next children one by one, before the one above.
+    void queueStatuses(std::vector<int> statuses) { m_queued = std::move(statuses); }
     void failFork() { m_failFork = true; }
     int forks() const { return m_forks; }
     std::vector<pid_t> waitedPids() const { return m_waited; }
 
   private:
     int m_status = 0;
+    std::vector<int> m_queued;
     bool m_failFork = false;
     int m_forks = 0;
     std::vector<pid_t> m_waited;
