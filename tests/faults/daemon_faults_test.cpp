@@ -1,22 +1,19 @@
 // The daemon process against a broken platform: wrappers missing or failing,
-// no kernel module, statistics files that are short, unmarked or rewritten
-// under the reader, properties that never stand still. In every case the
-// daemon must stay up (or end its loop as designed), keep answering, say
-// what is wrong, and hold no more descriptors than before.
-#include <fcntl.h>
+// no kernel module, unmarked statistics files or rings rewritten under the
+// reader, properties that never stand still, a client that repeats its
+// configuration. In every case the daemon must stay up (or end its loop as
+// designed), keep answering, say what is wrong, and hold no more descriptors
+// or memory than before.
+#include <binder/Parcel.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
-#include <fstream>
+#include <functional>
 #include <iostream>
 #include <random>
 #include <thread>
-
-#include <binder/Parcel.h>
 
 #include "platform/binder/Client.h"
 #include "stats/StatsFileBuilder.h"
@@ -54,119 +51,66 @@ class DaemonFault : public testing::Test {
     }
 };
 
-TEST_F(DaemonFault, WrappersMissing) {
-    DaemonUnderTest d("mini_est_interval=50\n");
-    unlink(d.root().root().at("/system/bin/iptables-wrapper-1.0").c_str());
-    unlink(d.root().root().at("/system/bin/ip-wrapper-1.0").c_str());
-    startVerbose(d);
-    // The shell says why every rule command failed.
-    EXPECT_TRUE(d.waitForLog("iptables-wrapper-1.0: not found", 5s)) << d.log();
+struct Breakage {
+    const char* what;
+    std::function<void(DaemonUnderTest&)> breakIt;
+    // What the daemon must say about it, and how often at least.
+    std::vector<std::pair<std::string, size_t>> said;
+};
 
-    ASSERT_TRUE(d.configureTwoLinks());
-    EXPECT_TRUE(d.waitForLog("E VekParameters: execl failed (No such file or directory)", 5s)) << d.log();
-    EXPECT_TRUE(d.waitForLog("Interface wlan0 has no route, do not add into map", 5s)) << d.log();
-    expectTurns(d, 3);
-
-    const int fds = openDescriptors(d.pid());
-    for (int i = 0; i < 10; ++i) ASSERT_EQ(d.vekctl({"update-uid", std::to_string(10100 + i), "1"}), 0);
-    EXPECT_LE(d.waitForDescriptorsAtMost(fds, 5s), fds) << "descriptors leaked by failed commands";
-    expectServing(d);
-}
-
-TEST_F(DaemonFault, WrappersFailing) {
-    DaemonUnderTest d("mini_est_interval=50\n");
+TEST_F(DaemonFault, BrokenPlatformIsReportedAndSurvived) {
     const std::string failing = "#!/bin/sh\necho \"wrapper refused: $*\" >&2\nexit 3\n";
-    d.root().root().writeFile("/system/bin/iptables-wrapper-1.0", failing, true);
-    d.root().root().writeFile("/system/bin/ip-wrapper-1.0", failing, true);
-    startVerbose(d);
-    EXPECT_TRUE(d.waitForLog("wrapper refused: -w -t mangle -A OUTPUT -j kwop_NUV", 5s)) << d.log();
-
-    ASSERT_TRUE(d.configureTwoLinks());
-    EXPECT_TRUE(d.waitForLog("E VekParameters: Invalid interface, status=768", 5s)) << d.log();
-    EXPECT_TRUE(d.waitForLog("Interface rmnet_data0 has no route, do not add into map", 5s)) << d.log();
-    EXPECT_EQ(d.vekctl({"update-uid", "10123", "2"}), 0);
-    EXPECT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
-    expectTurns(d, 3);
-    expectServing(d);
-}
-
-TEST_F(DaemonFault, KernelModuleMissing) {
-    DaemonUnderTest d("mini_est_interval=50\n");
-    unlink(d.root().root().at("/proc/vek/config").c_str());
-    rmdir(d.root().root().at("/proc/vek").c_str());
-    startVerbose(d);
-
-    // Each statistics file is tried three times, 500 ms apart: iface-ready
-    // takes a few seconds but is answered.
-    ASSERT_TRUE(d.configureTwoLinks());
-    EXPECT_TRUE(d.waitForLog("E VekStatsImpl: open stats config file failed:No such file or directory", 5s));
-    EXPECT_TRUE(d.waitForLog("E VekStatsImpl: open mmap file failed:No such file or directory", 5s, 6))
-        << d.log();
-    expectTurns(d, 5);
-    expectServing(d);
-}
-
-TEST_F(DaemonFault, ControlFileWithoutReader) {
-    DaemonUnderTest d("mini_est_interval=50\n");
-    // A FIFO nobody reads: opening it for writing must not block the daemon.
-    // The recording root's reader keeps the FIFO it opened; a new one takes
-    // its place once it has.
-    const std::string fifo = d.root().root().at("/proc/vek/config");
-    for (int i = 0; i < 500; ++i) {
-        int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        if (fd >= 0) {
-            close(fd);
-            break;
-        }
-        std::this_thread::sleep_for(10ms);
+    const Breakage cases[] = {
+        {"wrappers missing",
+         [](DaemonUnderTest& d) {
+             unlink(d.root().root().at("/system/bin/iptables-wrapper-1.0").c_str());
+             unlink(d.root().root().at("/system/bin/ip-wrapper-1.0").c_str());
+         },
+         {{"iptables-wrapper-1.0: not found", 1},
+          {"E VekParameters: execl failed (No such file or directory)", 1},
+          {"Interface wlan0 has no route, do not add into map", 1}}},
+        {"wrappers failing",
+         [&](DaemonUnderTest& d) {
+             d.root().root().writeFile("/system/bin/iptables-wrapper-1.0", failing, true);
+             d.root().root().writeFile("/system/bin/ip-wrapper-1.0", failing, true);
+         },
+         {{"wrapper refused: -w -t mangle -A OUTPUT -j kwop_NUV", 1},
+          {"E VekParameters: Invalid interface, status=768", 1},
+          {"Interface rmnet_data0 has no route, do not add into map", 1}}},
+        // Each statistics file is tried three times, 500 ms apart.
+        {"no kernel module",
+         [](DaemonUnderTest& d) {
+             unlink(d.root().root().at("/proc/vek/config").c_str());
+             rmdir(d.root().root().at("/proc/vek").c_str());
+         },
+         {{"E VekStatsImpl: open stats config file failed:No such file or directory", 1},
+          {"E VekStatsImpl: open mmap file failed:No such file or directory", 6}}},
+        {"statistics without the magic",
+         [](DaemonUnderTest& d) {
+             for (const char* name : {"wlan0", "rmnet_data0"}) {
+                 vekd::stats::StatsFileBuilder ring;
+                 ring.appendSeries(wallMs() - 1000, 20, 50, 1500);
+                 ring.setMagic(0x12345678);
+                 ASSERT_TRUE(ring.saveTo(d.root().root().at(std::string("/proc/vek/") + name + "_mmap")));
+             }
+         },
+         {{"E VekStatsData: VEK stat colletct is not ready", 10}}},
+    };
+    for (const Breakage& c : cases) {
+        SCOPED_TRACE(c.what);
+        DaemonUnderTest d("mini_est_interval=50\n");
+        c.breakIt(d);
+        startVerbose(d);
+        ASSERT_TRUE(d.configureTwoLinks()) << d.log();
+        for (const auto& [fragment, count] : c.said) EXPECT_TRUE(d.waitForLog(fragment, 10s, count)) << d.log();
+        expectTurns(d, 3);
+        // Failed commands and files give back what they opened.
+        const int fds = openDescriptors(d.pid());
+        for (int i = 0; i < 5; ++i) ASSERT_EQ(d.vekctl({"update-uid", std::to_string(10100 + i), "1"}), 0);
+        EXPECT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
+        EXPECT_LE(d.waitForDescriptorsAtMost(fds, 5s), fds) << "descriptors leaked";
+        expectServing(d);
     }
-    unlink(fifo.c_str());
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    startVerbose(d);
-    ASSERT_TRUE(d.configureTwoLinks());
-    EXPECT_TRUE(d.waitForLog("E VekStatsImpl: open stats config file failed:No such device or address", 5s))
-        << d.log();
-    expectTurns(d, 3);
-    expectServing(d);
-}
-
-TEST_F(DaemonFault, ShortAndEmptyStatisticsFiles) {
-    DaemonUnderTest d("mini_est_interval=50\n");
-    // 100 bytes: the header with its magic and the start of a ring whose
-    // newest slot lies beyond the end of the file; and an empty file.
-    vekd::stats::StatsFileBuilder ring;
-    ring.setMagic();
-    ring.appendSeries(wallMs() - 100, 20, 6, 1500);
-    const std::string wlan = d.root().root().at("/proc/vek/wlan0_mmap");
-    {
-        std::ofstream out(wlan, std::ios::binary);
-        out.write(static_cast<const char*>(ring.data()), 100);
-    }
-    d.root().root().writeFile("/proc/vek/rmnet_data0_mmap", "");
-    startVerbose(d);
-    ASSERT_TRUE(d.configureTwoLinks());
-    expectTurns(d, 10);
-    EXPECT_EQ(d.logCount("mmap stats file failed"), 0u) << d.log();
-    expectServing(d);
-
-    // Extended in place with zeros rather than read past its end.
-    struct stat st {};
-    ASSERT_EQ(stat(wlan.c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, static_cast<off_t>(kVekStatsFileSize));
-}
-
-TEST_F(DaemonFault, HeaderWithoutMagic) {
-    DaemonUnderTest d("mini_est_interval=50\n");
-    for (const char* name : {"wlan0", "rmnet_data0"}) {
-        vekd::stats::StatsFileBuilder ring;
-        ring.appendSeries(wallMs() - 1000, 20, 50, 1500);
-        ring.setMagic(0x12345678);
-        ASSERT_TRUE(ring.saveTo(d.root().root().at(std::string("/proc/vek/") + name + "_mmap")));
-    }
-    startVerbose(d);
-    ASSERT_TRUE(d.configureTwoLinks());
-    EXPECT_TRUE(d.waitForLog("E VekStatsData: VEK stat colletct is not ready", 10s, 10)) << d.log();
-    expectServing(d);
 }
 
 TEST_F(DaemonFault, RingRewrittenWhileRead) {
@@ -185,19 +129,17 @@ TEST_F(DaemonFault, RingRewrittenWhileRead) {
     ASSERT_TRUE(d.configureTwoLinks());
     const size_t turnsBefore = d.logCount(kTurn);
 
-    // For three seconds, with the daemon reading every 20 ms: good samples,
+    // For two seconds, with the daemon reading every 20 ms: good samples,
     // garbage slots, wild write indexes and a flickering magic.
     std::mt19937 rng(20240611);
-    const auto end = std::chrono::steady_clock::now() + 3s;
-    uint64_t writes = 0;
+    const auto end = std::chrono::steady_clock::now() + 2s;
     while (std::chrono::steady_clock::now() < end) {
         vekd::stats::StatsFile& f = *files[rng() % 2];
-        switch (rng() % 6) {
+        switch (rng() % 5) {
             case 0:
-            case 1:
                 f.append(vekd::stats::makeSample(wallMs(), 1 + rng() % 60000));
                 break;
-            case 2: {
+            case 1: {
                 VekStatsSample s;
                 const uint32_t words[4] = {static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng()),
                                            static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng())};
@@ -205,19 +147,16 @@ TEST_F(DaemonFault, RingRewrittenWhileRead) {
                 f.setSlot(1 + rng() % kVekStatsRingSlots, s);
                 break;
             }
-            case 3:
+            case 2:
                 f.setWriteIndex(static_cast<uint32_t>(rng()) % 4096);
                 break;
-            case 4:
+            case 3:
                 f.setMagic(rng() % 4 == 0 ? 0 : kVekStatsMagic);
                 break;
-            case 5:
+            default:
                 std::this_thread::sleep_for(200us);
-                break;
         }
-        ++writes;
     }
-    EXPECT_GT(writes, 1000u);
     EXPECT_GE(d.logCount(kTurn), turnsBefore + 20) << "the daemon stopped evaluating while the rings changed";
     expectServing(d);
 }
@@ -228,7 +167,7 @@ TEST_F(DaemonFault, PropertiesFlipping) {
     ASSERT_TRUE(d.configureTwoLinks());
     const int fds = openDescriptors(d.pid());
 
-    // Debug among 0, 1 and 2 and enabled among 0 and 1, for two seconds.
+    // Debug among 0, 1 and 2 and enabled among 0 and 1 (later 2 too).
     std::mt19937 rng(7);
     auto flip = [&](std::chrono::milliseconds length, int enabledValues) {
         const auto end = std::chrono::steady_clock::now() + length;
@@ -242,7 +181,6 @@ TEST_F(DaemonFault, PropertiesFlipping) {
     flip(2s, 2);
     EXPECT_GT(d.logCount(kTurn), turnsBefore) << d.log();
     EXPECT_EQ(d.logCount("Vekd exiting"), 0u);
-    EXPECT_TRUE(d.answersPing());
 
     // 2 ends the loop once; later values, 2 among them, change nothing.
     d.setProperty("vendor.vek.enabled", "2");
@@ -272,11 +210,12 @@ TEST_F(DaemonFault, RepeatedInterfaceConfigurationDoesNotGrowTheDaemon) {
 
     auto& client = vekd::binder::Client::instance();
     const int32_t service = client.handleForPath(d.path() + "/dev/vndbinder/vekd");
-    auto call = [&](uint32_t code, int32_t index, const char* params) {
+    // Code 4 with a slot and its text, or code 5 without arguments.
+    auto call = [&](uint32_t code, int32_t slot = 0, const char* params = nullptr) {
         android::Parcel data, reply;
         data.writeInterfaceToken(android::String16("vekd"));
         if (params != nullptr) {
-            data.writeInt32(index);
+            data.writeInt32(slot);
             data.writeCString(params);
         }
         return client.transact(service, code, data, &reply, 0) == android::NO_ERROR && reply.readInt32() == 0;
@@ -294,7 +233,7 @@ TEST_F(DaemonFault, RepeatedInterfaceConfigurationDoesNotGrowTheDaemon) {
     for (int round = 1; round <= kRounds; ++round) {
         ASSERT_TRUE(call(4, 0, vekd::test::kWlanParams)) << d.log();
         ASSERT_TRUE(call(4, 1, vekd::test::kWwanParams)) << d.log();
-        ASSERT_TRUE(call(5, 0, nullptr)) << d.log();
+        ASSERT_TRUE(call(5)) << d.log();
         if (round == 100) afterFirstHundred = vekd::test::residentKb(d.pid());
     }
     const long atEnd = vekd::test::residentKb(d.pid());
@@ -302,8 +241,7 @@ TEST_F(DaemonFault, RepeatedInterfaceConfigurationDoesNotGrowTheDaemon) {
     std::cout << "resident memory after 100 rounds: " << afterFirstHundred << " kB, after " << kRounds
               << ": " << atEnd << " kB\n";
     if (kMeasured) {
-        EXPECT_LE(atEnd - afterFirstHundred, 256) << "kB after 100 rounds: " << afterFirstHundred
-                                                  << ", after " << kRounds << ": " << atEnd;
+        EXPECT_LE(atEnd - afterFirstHundred, 256);
     }
     EXPECT_EQ(d.logCount("has no route"), 0u);
     expectServing(d);

@@ -17,13 +17,7 @@ using vekd::test::DaemonUnderTest;
 using vekd::test::runShell;
 using namespace std::chrono_literals;
 
-size_t countLines(const std::string& text, const std::string& line) {
-    std::istringstream in(text);
-    size_t n = 0;
-    for (std::string l; std::getline(in, l);) n += l == line;
-    return n;
-}
-
+// Lines of `text` that contain `fragment`.
 size_t countContaining(const std::string& text, const std::string& fragment) {
     std::istringstream in(text);
     size_t n = 0;
@@ -31,19 +25,17 @@ size_t countContaining(const std::string& text, const std::string& fragment) {
     return n;
 }
 
-bool callsContain(DaemonUnderTest& d, const std::string& fragment) {
-    const auto calls = d.root().calls();
-    return std::any_of(calls.begin(), calls.end(),
-                       [&](const std::string& c) { return c.find(fragment) != std::string::npos; });
-}
-
 bool waitForCall(DaemonUnderTest& d, const std::string& fragment, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!callsContain(d, fragment)) {
+    for (;;) {
+        const auto calls = d.root().calls();
+        if (std::any_of(calls.begin(), calls.end(),
+                        [&](const std::string& c) { return c.find(fragment) != std::string::npos; })) {
+            return true;
+        }
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(2ms);
     }
-    return true;
 }
 
 // Wrappers that log each call like the recording ones and then run the real
@@ -103,31 +95,29 @@ TEST(KilledMidConfiguration, RestartLeavesEveryHookOnce) {
     ASSERT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
     EXPECT_TRUE(d.answersPing());
 
-    const std::string mangleOut = runShell("iptables -w -t mangle -S OUTPUT");
-    const std::string natOut = runShell("iptables -w -t nat -S OUTPUT");
-    const std::string natPost = runShell("iptables -w -t nat -S POSTROUTING");
-    EXPECT_EQ(countLines(mangleOut, "-A OUTPUT -j kwop_NUV"), 1u) << mangleOut;
-    EXPECT_EQ(countLines(natOut, "-A OUTPUT -j kwop_NUV_nat"), 1u) << natOut;
-    EXPECT_EQ(countLines(natPost, "-A POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV"), 1u) << natPost;
-    EXPECT_EQ(countContaining(natPost, "-p udp -m udp -m multiport ! --ports"), 1u) << natPost;
-
-    // The chains that were flushed and refilled hold one copy of each rule.
-    const std::string nuv2 = runShell("iptables -w -t mangle -S kwop_NUV2");
-    EXPECT_EQ(countContaining(nuv2, "--restore-mark"), 1u) << nuv2;
-    EXPECT_EQ(countContaining(nuv2, "-j kwop_VEK"), 1u) << nuv2;
-    const std::string uids = runShell("iptables -w -t mangle -S kwop_NUV");
-    EXPECT_EQ(countContaining(uids, "--uid-owner 10123"), 1u) << uids;
-    const std::string masq = runShell("iptables -w -t nat -S kwop_nat_POSTROUTING_NUV");
-    EXPECT_EQ(countContaining(masq, "-o wlan0 -j MASQUERADE"), 1u) << masq;
-    EXPECT_EQ(countContaining(masq, "-o rmnet_data0 -j MASQUERADE"), 1u) << masq;
-    const std::string mark = runShell("iptables -w -t mangle -S kwop_fw_wlan0");
-    EXPECT_EQ(countContaining(mark, "-j MARK --set-xmark 0x5a"), 1u) << mark;
-
-    // A policy-routing rule added again is refused by the kernel as a
-    // duplicate, so each link keeps one.
-    const std::string rules = runShell("ip rule show");
-    EXPECT_EQ(countContaining(rules, "fwmark 0x5a lookup 100"), 1u) << rules;
-    EXPECT_EQ(countContaining(rules, "fwmark 0x5b lookup 101"), 1u) << rules;
+    // Hooks appended again after a delete, chains flushed and refilled, and
+    // policy-routing rules (the kernel refuses a duplicate): one copy each.
+    const struct {
+        const char* listing;
+        const char* rule;
+    } once[] = {
+        {"iptables -w -t mangle -S OUTPUT", "-A OUTPUT -j kwop_NUV"},
+        {"iptables -w -t nat -S OUTPUT", "-A OUTPUT -j kwop_NUV_nat"},
+        {"iptables -w -t nat -S POSTROUTING", "-A POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV"},
+        {"iptables -w -t nat -S POSTROUTING", "-p udp -m udp -m multiport ! --ports"},
+        {"iptables -w -t mangle -S kwop_NUV2", "--restore-mark"},
+        {"iptables -w -t mangle -S kwop_NUV2", "-j kwop_VEK"},
+        {"iptables -w -t mangle -S kwop_NUV", "--uid-owner 10123"},
+        {"iptables -w -t nat -S kwop_nat_POSTROUTING_NUV", "-o wlan0 -j MASQUERADE"},
+        {"iptables -w -t nat -S kwop_nat_POSTROUTING_NUV", "-o rmnet_data0 -j MASQUERADE"},
+        {"iptables -w -t mangle -S kwop_fw_wlan0", "-j MARK --set-xmark 0x5a"},
+        {"ip rule show", "fwmark 0x5a lookup 100"},
+        {"ip rule show", "fwmark 0x5b lookup 101"},
+    };
+    for (const auto& o : once) {
+        const std::string listing = runShell(o.listing);
+        EXPECT_EQ(countContaining(listing, o.rule), 1u) << o.listing << ":\n" << listing;
+    }
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ namespace {
 
 std::string wrapperScript(const std::string& root, const std::string& name) {
     return "#!/bin/sh\necho \"" + name + " $*\" >> " + root + "/calls.log\n" +
-           "{ for a in \"$@\"; do printf '<%s>' \"$a\"; done; echo; } >> " + root + "/args.log\n";
+           "{ for a in \"$@\"; do printf '<%s>' \"$a\"; done; printf '\\0'; } >> " + root + "/args.log\n";
 }
 
 }  // namespace
@@ -61,11 +61,11 @@ std::vector<std::string> RecordingRoot::calls() const {
     return out;
 }
 
-std::string RecordingRoot::argumentRecord() const {
+std::vector<std::string> RecordingRoot::argumentCalls() const {
     std::ifstream in(m_root.at("/args.log"));
-    std::stringstream out;
-    out << in.rdbuf();
-    return out.str();
+    std::vector<std::string> out;
+    for (std::string call; std::getline(in, call, '\0');) out.push_back(call);
+    return out;
 }
 
 std::vector<std::string> RecordingRoot::controlCommands() const {

@@ -24,9 +24,9 @@ class RecordingRoot {
     // Every wrapper call so far, one "iptables-wrapper-1.0 ARGS" or
     // "ip-wrapper-1.0 ARGS" line each, in order.
     std::vector<std::string> calls() const;
-    // The same calls with every argument in <>, so that where one argument
-    // ends and the next begins stays visible; one line per call.
-    std::string argumentRecord() const;
+    // The same calls with every argument in <> ("<-w><-t><mangle>..."), so
+    // that where one argument ends and the next begins stays visible.
+    std::vector<std::string> argumentCalls() const;
     // The control commands received so far, without their NULs.
     std::vector<std::string> controlCommands() const;
     bool waitForCalls(size_t count, int timeoutMs) const;

@@ -61,19 +61,21 @@ DaemonProcess::~DaemonProcess() {
 
 std::string DaemonProcess::log() const { return slurp(m_logFile); }
 
+size_t DaemonProcess::logCount(const std::string& fragment) const {
+    const std::string text = log();
+    size_t n = 0;
+    for (size_t pos = text.find(fragment); pos != std::string::npos; pos = text.find(fragment, pos + 1)) ++n;
+    return n;
+}
+
 bool DaemonProcess::waitForLog(const std::string& fragment, std::chrono::milliseconds timeout,
                                size_t count) const {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        const std::string text = log();
-        size_t found = 0;
-        for (size_t pos = text.find(fragment); pos != std::string::npos; pos = text.find(fragment, pos + 1)) {
-            ++found;
-        }
-        if (found >= count) return true;
+    while (logCount(fragment) < count) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    return true;
 }
 
 bool DaemonProcess::running() {
@@ -118,14 +120,28 @@ int runProgram(const std::string& program, const std::vector<std::string>& args,
         execv(program.c_str(), argv.data());
         _exit(127);
     }
+    // Bounded: a daemon that stops answering must fail the test, not hang it.
     int status = 0;
-    if (pid > 0) waitpid(pid, &status, 0);
+    bool hung = pid > 0;
+    for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+         hung && std::chrono::steady_clock::now() < deadline;) {
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            hung = false;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+    if (hung) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
     close(outFd);
     close(errFd);
     if (out) *out = slurp(outPath);
-    if (err) *err = slurp(errPath);
+    if (err) *err = (hung ? std::string(program + " got no answer within 30 s\n") : std::string()) + slurp(errPath);
     unlink(outPath);
     unlink(errPath);
+    if (hung) return -2;
     return (pid > 0 && WIFEXITED(status)) ? WEXITSTATUS(status) : -1;
 }
 

@@ -24,6 +24,7 @@ class DaemonProcess {
 
     pid_t pid() const { return m_pid; }
     std::string log() const;
+    size_t logCount(const std::string& fragment) const;
     // Waits until the log contains `fragment` (count times); false on timeout.
     bool waitForLog(const std::string& fragment, std::chrono::milliseconds timeout, size_t count = 1) const;
     bool running();
@@ -35,8 +36,9 @@ class DaemonProcess {
     std::string m_logFile;
 };
 
-// Runs a program to completion with VEKD_ROOT=`root`; its exit code (or -1),
-// with stdout and stderr returned through the pointers.
+// Runs a program to completion with VEKD_ROOT=`root`; its exit code (-1 when
+// it did not exit normally, -2 when it was killed after 30 s), with stdout and
+// stderr returned through the pointers.
 int runProgram(const std::string& program, const std::vector<std::string>& args,
                const std::string& root, std::string* out = nullptr, std::string* err = nullptr);
 
