@@ -18,42 +18,31 @@ using vekd::test::DaemonUnderTest;
 using vekd::test::runShell;
 using namespace std::chrono_literals;
 
-// Every way a shell command line can be made to run a second command or
-// write a file. `M` stands for the marker's path.
-std::vector<std::string> payloads(const std::string& marker) {
-    // Each ends the rest of the line where it needs to, since the daemon's
-    // command lines go on after the text.
-    const std::vector<std::string> forms = {
-        ";touch M #",   "|touch M #",    "&touch M #",      "&&touch M #", "$(touch M)",
-        "`touch M`",    "\ntouch M\n",   "\"$(touch M)\"", ">M",          ">>M",
-        "$(touch${IFS}M)",
-    };
-    std::vector<std::string> out;
-    for (std::string f : forms) {
-        for (size_t pos = f.find('M'); pos != std::string::npos; pos = f.find('M', pos + marker.size())) {
-            f.replace(pos, 1, marker);
-        }
-        out.push_back(f);
-    }
-    return out;
-}
-
 // Texts that would add iptables arguments if any whitespace split them: the
 // word VEKINJECT would then arrive as an argument of its own.
 constexpr const char* kSentinel = "VEKINJECT";
-std::vector<std::string> argumentPayloads() {
-    std::vector<std::string> out;
-    for (const char* sep : {" ", "\t", "\v", "\r"}) {
-        std::string p;
-        for (const char* word : {"-m", "comment", "--comment", kSentinel}) p += sep + std::string(word);
-        out.push_back(p);
-    }
-    return out;
-}
 
-std::vector<std::string> allPayloads(const std::string& marker) {
-    std::vector<std::string> out = payloads(marker);
-    for (const std::string& p : argumentPayloads()) out.push_back(p);
+// Every way a shell command line can be made to run a second command, write a
+// file or take more arguments. `M` stands for the marker's path. Each form
+// comes in four spellings: its blanks as they are, and as tabs, vertical tabs
+// and carriage returns.
+std::vector<std::vector<std::string>> payloads(const std::string& marker) {
+    // Each ends the rest of the line where it needs to, since the daemon's
+    // command lines go on after the text.
+    const std::vector<std::string> forms = {
+        ";touch M #",      "|touch M #", "&touch M #", "&&touch M #",   "$(touch M)",
+        "`touch M`",       "\ntouch M\n", "\"$(touch M)\"", ">M", ">>M", "$(touch${IFS}M)",
+        std::string(" -m comment --comment ") + kSentinel,
+    };
+    std::vector<std::vector<std::string>> out;
+    for (const std::string& form : forms) {
+        out.emplace_back();
+        for (char sep : {' ', '\t', '\v', '\r'}) {
+            std::string f;
+            for (char c : form) f += c == ' ' ? std::string(1, sep) : c == 'M' ? marker : std::string(1, c);
+            out.back().push_back(f);
+        }
+    }
     return out;
 }
 
@@ -90,7 +79,9 @@ TEST_F(Injection, PayloadsWorkInAShell) {
     char dir[] = "/tmp/vekd-inject-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     const std::string marker = std::string(dir) + "/marker";
-    for (const std::string& p : payloads(marker)) {
+    for (const auto& spellings : payloads(marker)) {
+        const std::string& p = spellings[0];
+        if (p.find(kSentinel) != std::string::npos) continue;  // adds arguments, writes nothing
         // As the daemon would have written it: the text inside a command line.
         std::string quoted;
         for (char c : "true " + p + " -j ACCEPT") quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -111,7 +102,9 @@ TEST_F(Injection, ThroughVekctl) {
     std::string err;
     const std::vector<std::string> base = {vekd::test::kWlanParams, vekd::test::kWwanParams};
     int slot = 0;
-    for (const std::string& payload : allPayloads(marker)) {
+    std::vector<std::string> all;
+    for (const auto& spellings : payloads(marker)) all.insert(all.end(), spellings.begin(), spellings.end());
+    for (const std::string& payload : all) {
         for (int index = 0; index < 8; ++index) {
             for (const std::string& params : base) {
                 ASSERT_EQ(d.vekctl({"iface", std::to_string(slot), withPayload(params, index, payload)}, &err), 0)
@@ -144,19 +137,21 @@ TEST_F(Injection, ThroughTheConfigurationFile) {
     char dir[] = "/tmp/vekd-inject-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     const std::string marker = std::string(dir) + "/marker";
-    const std::vector<std::string> all = allPayloads(marker);
-
-    // One daemon per payload; newlines end a configuration line, so those
-    // payloads lose their second line here, which is as it should be.
-    for (const std::string& payload : all) {
-        const std::string wlan = withPayload(vekd::test::kWlanParams, static_cast<int>(payload.size() % 8), payload);
-        std::string conf = "mini_est_interval=100\nnum_interfaces=3\n";
-        conf += "vek_uid_list=10123" + payload + ",10124\n";
-        conf += "gaming_uid_list=" + payload + ",10125\n";
-        conf += "interface_0=" + wlan + "\n";
-        conf += "interface_1=" + std::string(vekd::test::kWwanParams) + "\n";
-        conf += "interface_2=" + withPayload(vekd::test::kWwanParams, 0, "x" + payload) + "\n";
-        conf += "protocols=http" + payload + "\nports=80" + payload + "\nrtt_server=a" + payload + "\n";
+    // One daemon per form, its four spellings spread over the texts of the
+    // file; newlines end a configuration line, so those payloads lose their
+    // second line here, which is as it should be.
+    int form = 0;
+    for (const auto& v : payloads(marker)) {
+        const std::string wwan = vekd::test::kWwanParams, wlan = vekd::test::kWlanParams;
+        std::string conf = "mini_est_interval=100\nnum_interfaces=4\n";
+        conf += "vek_uid_list=10123" + v[0] + ",10124,10125" + v[1] + ",10126" + v[2] + ",10127" + v[3] + "\n";
+        conf += "gaming_uid_list=" + v[0] + "," + v[3] + ",10128\n";
+        conf += "interface_0=" + withPayload(wlan, form % 8, v[0]) + "\n";
+        conf += "interface_1=" + wwan + "\n";
+        conf += "interface_2=" + withPayload(wwan, 0, "x" + v[1]) + "\n";
+        conf += "interface_3=" + withPayload(wlan, (form + 4) % 8, v[2]) + "\n";
+        conf += "protocols=http" + v[3] + "\nports=80" + v[2] + "\nrtt_server=a" + v[1] + "\n";
+        ++form;
         DaemonUnderTest d(conf);
         std::string why, err;
         ASSERT_TRUE(d.start(&why)) << why;
@@ -164,7 +159,7 @@ TEST_F(Injection, ThroughTheConfigurationFile) {
         ASSERT_EQ(d.vekctl({"update-uid", "10124", "2"}, &err), 0) << err << d.log();
         ASSERT_EQ(d.vekctl({"remove-uid", "10123", "0"}, &err), 0) << err << d.log();
         ASSERT_EQ(d.vekctl({"wlan-inet", "1"}, &err), 0) << err << d.log();
-        EXPECT_FALSE(exists(marker)) << "payload ran: " << payload << "\n" << d.log();
+        EXPECT_FALSE(exists(marker)) << "payload ran: " << v[0] << "\n" << d.log();
         EXPECT_TRUE(d.answersPing());
         expectNoPayloadInCommands(d);
         unlink(marker.c_str());
