@@ -21,33 +21,37 @@ const std::string UDP_HOOK =
     "-p udp -m udp -m multiport ! --ports 32000:36999,40100:40150,50010:50060,4500,5060,500 "
     "-j kwop_nat_POSTROUTING_NUV";
 
+// "-N chain" then "-F chain" (or "-F" then "-X") for each chain of `table`.
+Lines pairs(const char* table, const char* a, const char* b, std::initializer_list<const char*> chains) {
+    Lines out;
+    for (const char* c : chains) {
+        out.push_back(IPT + "-t " + table + " " + a + " " + c);
+        out.push_back(IPT + "-t " + table + " " + b + " " + c);
+    }
+    return out;
+}
+
+Lines operator+(Lines a, const Lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
 Lines skeleton() {
-    return {IPT + "-t mangle -N kwop_NUV",
-            IPT + "-t mangle -F kwop_NUV",
-            IPT + "-t mangle -N kwop_NUV2",
-            IPT + "-t mangle -F kwop_NUV2",
-            IPT + "-t mangle -N kwop_DNS",
-            IPT + "-t mangle -F kwop_DNS",
-            IPT + "-t mangle -N kwop_VEK",
-            IPT + "-t mangle -F kwop_VEK",
-            IPT + "-t mangle -A kwop_NUV2 -j kwop_DNS",
-            IPT + "-t mangle -A kwop_NUV2 -j kwop_VEK",
-            IPT + "-t nat -N kwop_NUV_nat",
-            IPT + "-t nat -F kwop_NUV_nat",
-            IPT + "-t nat -N kwop_DNS_nat",
-            IPT + "-t nat -F kwop_DNS_nat",
-            IPT + "-t mangle -I kwop_NUV2 1 -m state --state ESTABLISHED,RELATED -j CONNMARK --restore-mark",
-            IPT + "-t mangle -I kwop_NUV 2 -j kwop_VEK",
-            IPT + "-t mangle -D OUTPUT -j kwop_NUV",
-            IPT + "-t mangle -A OUTPUT -j kwop_NUV",
-            IPT + "-t nat -D OUTPUT -j kwop_NUV_nat",
-            IPT + "-t nat -A OUTPUT -j kwop_NUV_nat",
-            IPT + "-t nat -F kwop_nat_POSTROUTING_NUV",
-            IPT + "-t nat -N kwop_nat_POSTROUTING_NUV",
-            IPT + "-t nat -D POSTROUTING " + UDP_HOOK,
-            IPT + "-t nat -D POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV",
-            IPT + "-t nat -A POSTROUTING " + UDP_HOOK,
-            IPT + "-t nat -A POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV"};
+    return pairs("mangle", "-N", "-F", {"kwop_NUV", "kwop_NUV2", "kwop_DNS", "kwop_VEK"}) +
+           Lines{IPT + "-t mangle -A kwop_NUV2 -j kwop_DNS", IPT + "-t mangle -A kwop_NUV2 -j kwop_VEK"} +
+           pairs("nat", "-N", "-F", {"kwop_NUV_nat", "kwop_DNS_nat"}) +
+           Lines{IPT + "-t mangle -I kwop_NUV2 1 -m state --state ESTABLISHED,RELATED -j CONNMARK --restore-mark",
+                 IPT + "-t mangle -I kwop_NUV 2 -j kwop_VEK",
+                 IPT + "-t mangle -D OUTPUT -j kwop_NUV",
+                 IPT + "-t mangle -A OUTPUT -j kwop_NUV",
+                 IPT + "-t nat -D OUTPUT -j kwop_NUV_nat",
+                 IPT + "-t nat -A OUTPUT -j kwop_NUV_nat",
+                 IPT + "-t nat -F kwop_nat_POSTROUTING_NUV",
+                 IPT + "-t nat -N kwop_nat_POSTROUTING_NUV",
+                 IPT + "-t nat -D POSTROUTING " + UDP_HOOK,
+                 IPT + "-t nat -D POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV",
+                 IPT + "-t nat -A POSTROUTING " + UDP_HOOK,
+                 IPT + "-t nat -A POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV"};
 }
 
 Lines createChain(const std::string& iface, const std::string& fwmark, const std::string& table) {
@@ -72,11 +76,6 @@ std::string ratioRule(const std::string& probability, const std::string& iface) 
     return IPT + "-t mangle -A kwop_VEK --match multiport -p tcp --dports 80,443 -m state --state NEW "
                  "-m statistic --mode random --probability " +
            probability + " -j kwop_fw_" + iface;
-}
-
-Lines operator+(Lines a, const Lines& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
 }
 
 class Rules : public RulesTestBase {
@@ -109,20 +108,11 @@ TEST_F(Rules, TeardownRemovesTheSkeletonAndEveryMarkChainThenANewManagerRebuilds
     manager();
     gDebugLogEnabled = 1;
     IptablesManager::clean_NUV_iptables();
-    EXPECT_EQ(pipe.commands(), (Lines{IPT + "-t mangle -D OUTPUT -j kwop_NUV",
-                                      IPT + "-t nat -D POSTROUTING " + UDP_HOOK,
-                                      IPT + "-t nat -D POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV",
-                                      IPT + "-t nat -F kwop_nat_POSTROUTING_NUV",
-                                      IPT + "-t nat -X kwop_nat_POSTROUTING_NUV",
-                                      IPT + "-t mangle -F kwop_NUV",
-                                      IPT + "-t mangle -X kwop_NUV",
-                                      IPT + "-t mangle -F kwop_NUV2",
-                                      IPT + "-t mangle -X kwop_NUV2",
-                                      IPT + "-t mangle -F kwop_DNS",
-                                      IPT + "-t mangle -X kwop_DNS",
-                                      IPT + "-t mangle -F kwop_VEK",
-                                      IPT + "-t mangle -X kwop_VEK"} +
-                                   removeChain("rmnet0", "0x65") + removeChain("wlan0", "0x64")));
+    EXPECT_EQ(pipe.commands(), (Lines{IPT + "-t mangle -D OUTPUT -j kwop_NUV", IPT + "-t nat -D POSTROUTING " + UDP_HOOK,
+                                      IPT + "-t nat -D POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV"} +
+                                pairs("nat", "-F", "-X", {"kwop_nat_POSTROUTING_NUV"}) +
+                                pairs("mangle", "-F", "-X", {"kwop_NUV", "kwop_NUV2", "kwop_DNS", "kwop_VEK"}) +
+                                removeChain("rmnet0", "0x65") + removeChain("wlan0", "0x64")));
     EXPECT_EQ(logOf().front(), "D ~IptablesManager IptablesManager Distructor called ");
 
     // Nothing left to destroy; the next instance() starts over.
@@ -144,15 +134,6 @@ TEST_F(Rules, MarkChainOfOneInterface) {
     EXPECT_EQ(m->remove_NUV_FWMARK_chain_for_iface(info), 0);
     EXPECT_EQ(pipe.commands(), removeChain("wlan0", "0x64"));
     EXPECT_TRUE(logOf().empty());
-}
-
-TEST_F(Rules, NullRecordRunsNothing) {
-    IptablesManager* m = manager();
-    EXPECT_EQ(m->create_NUV_FWMARK_chain_for_iface(nullptr), -1);
-    EXPECT_EQ(m->remove_NUV_FWMARK_chain_for_iface(nullptr), -1);
-    EXPECT_TRUE(pipe.commands().empty());
-    EXPECT_EQ(logOf(), (Lines{"E create_NUV_FWMARK_chain_for_iface, Creating FWMARK Chain for a NULL iface",
-                              "E remove_NUV_FWMARK_chain_for_iface, Remove FWMARK Chain for a NULL iface"}));
 }
 
 TEST_F(Rules, LongInterfaceNameGivesAChainNameCutTo127Characters) {
@@ -197,18 +178,21 @@ TEST_F(Rules, SetupAndCleanupWalkEveryInterfaceInNameOrderDespiteAFailure) {
     EXPECT_EQ(lines[3], "E cleanup_NUV_iptables_FWMARK_chains Failure when cleaning FWMARK tables for all interfaces ");
 }
 
-TEST_F(Rules, SetupOverAnEmptyMapOrANullRecord) {
+TEST_F(Rules, EmptyMapNullRecordsAndNullArgumentsRunNothing) {
     IptablesManager* m = manager();
     EXPECT_EQ(m->setup_NUV_iptables_FWMARK_chains(), 0);
     EXPECT_EQ(m->cleanup_NUV_iptables_FWMARK_chains(), 0);
-    EXPECT_TRUE(pipe.commands().empty());
-
+    EXPECT_EQ(m->create_NUV_FWMARK_chain_for_iface(nullptr), -1);
+    EXPECT_EQ(m->remove_NUV_FWMARK_chain_for_iface(nullptr), -1);
     // A null record counts as a failure without a per-record line.
     params->m_interfaceMap["ghost"] = nullptr;
     EXPECT_EQ(m->setup_NUV_iptables_FWMARK_chains(), -1);
-    EXPECT_EQ(logOf(), (Lines{"E create_NUV_FWMARK_chain_for_iface, Creating FWMARK Chain for a NULL iface",
-                              "E setup_NUV_iptables_FWMARK_chains Failure when creating FWMARK tables for all interfaces "}));
     params->m_interfaceMap.erase("ghost");
+    EXPECT_TRUE(pipe.commands().empty());
+    EXPECT_EQ(logOf(), (Lines{"E create_NUV_FWMARK_chain_for_iface, Creating FWMARK Chain for a NULL iface",
+                              "E remove_NUV_FWMARK_chain_for_iface, Remove FWMARK Chain for a NULL iface",
+                              "E create_NUV_FWMARK_chain_for_iface, Creating FWMARK Chain for a NULL iface",
+                              "E setup_NUV_iptables_FWMARK_chains Failure when creating FWMARK tables for all interfaces "}));
 }
 
 // --- ratio rules ---
@@ -231,25 +215,6 @@ class RatioRules : public Rules {
 };
 
 TEST_F(RatioRules, UnmeteredFirstThenMeteredEachTakingItsShareOfTheRest) {
-    // "rmnet0" sorts first but is metered, so its rule comes last.
-    addInterface("wlan0", false, "1", "0x1");
-    addInterface("rmnet0", true, "2", "0x2");
-    ratio("wlan0", 0.7f);
-    ratio("rmnet0", 0.3f);
-    gDebugLogEnabled = 1;
-    EXPECT_EQ(apply(), 0);
-    EXPECT_EQ(pipe.commands(), (Lines{flush, ratioRule("0.700000", "wlan0"), ratioRule("1.000000", "rmnet0")}));
-    Lines lines;
-    for (const std::string& l : logOf()) {
-        if (l.find("COMMAND") == std::string::npos) lines.push_back(l);
-    }
-    EXPECT_EQ(lines, (Lines{"E handle->interfaceRatio: 0.700000 handle->interfaceName: wlan0",
-                            "E Updated Ratio: 0.700000",
-                            "E handle->interfaceRatio: 0.300000 handle->interfaceName: rmnet0",
-                            "E Updated Ratio: 1.000000"}));
-}
-
-TEST_F(RatioRules, CascadeEdgeCases) {
     struct Case {
         const char* what;
         std::vector<std::tuple<std::string, bool, float>> links;  // name, metered, ratio
@@ -259,16 +224,13 @@ TEST_F(RatioRules, CascadeEdgeCases) {
         {"only metered links start from a zero sum",
          {{"a", true, 0.25f}, {"b", true, 0.75f}},
          {ratioRule("0.250000", "a"), ratioRule("1.000000", "b")}},
-        {"equal halves",
-         {{"a", false, 0.5f}, {"b", false, 0.5f}},
-         {ratioRule("0.500000", "a"), ratioRule("1.000000", "b")}},
         {"a zero ratio still gets a rule",
          {{"a", false, 0.0f}, {"b", false, 1.0f}, {"c", true, 0.0f}},
          {ratioRule("0.000000", "a"), ratioRule("1.000000", "b"), ratioRule("0.000000", "c")}},
         {"a sum over 1 is not clamped",
          {{"a", false, 0.8f}, {"b", false, 0.8f}, {"c", false, 0.1f}},
          {ratioRule("0.800000", "a"), ratioRule("4.000000", "b"), ratioRule("0.000000", "c")}},
-        {"three links, the metered one sorting in between",
+        {"the metered link sorting in between comes last",
          {{"a", false, 0.2f}, {"b", true, 0.3f}, {"c", false, 0.5f}},
          {ratioRule("0.200000", "a"), ratioRule("0.625000", "c"), ratioRule("1.000000", "b")}},
     };
@@ -282,9 +244,17 @@ TEST_F(RatioRules, CascadeEdgeCases) {
             addInterface(name, metered, "1", "0x1");
             ratio(name, r);
         }
+        gDebugLogEnabled = 1;
         EXPECT_EQ(apply(), 0);
         EXPECT_EQ(pipe.commands(), Lines{flush} + c.rules);
     }
+    Lines lines;
+    for (const std::string& l : logOf()) {
+        if (l.find("COMMAND") == std::string::npos) lines.push_back(l);
+    }
+    EXPECT_EQ(lines, (Lines{"E handle->interfaceRatio: 0.200000 handle->interfaceName: a", "E Updated Ratio: 0.200000",
+                            "E handle->interfaceRatio: 0.500000 handle->interfaceName: c", "E Updated Ratio: 0.625000",
+                            "E handle->interfaceRatio: 0.300000 handle->interfaceName: b", "E Updated Ratio: 1.000000"}));
 }
 
 TEST_F(RatioRules, UnknownAndNullEntriesAreSkippedWithoutTouchingTheStore) {
@@ -364,70 +334,54 @@ TEST_F(UidRules, SetupEmptiesTheMangleChainAndAddsBothRulesPerUid) {
     EXPECT_TRUE(log.contains("setup_NUV_UID_iptables_chains UID \"10124\t-j\tACCEPT\" is not one word, no rule for it"));
 }
 
-TEST_F(UidRules, UpdateRewritesBothRulesThenDestroysTheSocketsUnderTheLock) {
+TEST_F(UidRules, UpdateAndRemoveRewriteTheRulesThenDestroyTheSocketsUnderTheLock) {
     manager()->update_NUV_iptables_for_UID("10123", NUV_MODE_GAMING, static_cast<NuvMode>(7));
-    EXPECT_EQ(pipe.commands(),
-              (Lines{IPT + "-t mangle -D kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
-                     IPT + "-t mangle -A kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
-                     IPT + "-t nat -D kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat",
-                     IPT + "-t nat -A kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat"}));
+    const Lines del = {IPT + "-t mangle -D kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
+                       IPT + "-t nat -D kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat"};
+    EXPECT_EQ(pipe.commands(), (Lines{del[0], IPT + "-t mangle -A kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2", del[1],
+                                      IPT + "-t nat -A kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat"}));
     EXPECT_EQ(log.lines(), (Lines{"I NUVIptables: old_mode=0, new_mode=7",
                                   "E VEKD_SockDiag:  VEK_GAMING destroying TCP sockets: 10123",
                                   "E VEKD_SockDiag:  VEK_GAMING destroying UDP sockets: 10123"}));
     EXPECT_EQ(lockHeldDuringDumps, std::vector<bool>(4, true));
-    // Released afterwards.
-    ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);
+    ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);  // released afterwards
     pthread_mutex_unlock(&gIptablesMutex);
-}
 
-TEST_F(UidRules, RemoveDeletesBothRulesAndDestroysTheSockets) {
     gDebugLogEnabled = 1;
     manager()->remove_NUV_iptables_for_UID("10123", NUV_MODE_VEK);
-    EXPECT_EQ(pipe.commands(),
-              (Lines{IPT + "-t mangle -D kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2",
-                     IPT + "-t nat -D kwop_NUV_nat -m owner --uid-owner 10123 -j kwop_DNS_nat"}));
+    EXPECT_EQ(pipe.commands(), del);
     Lines lines = logOf();
-    EXPECT_EQ(Lines(lines.end() - 2, lines.end()),
-              (Lines{"I old_mode=1", "I NUV destroying sockets = 10123"}));
-    EXPECT_EQ(lockHeldDuringDumps, std::vector<bool>(4, true));
-}
+    EXPECT_EQ(Lines(lines.end() - 2, lines.end()), (Lines{"I old_mode=1", "I NUV destroying sockets = 10123"}));
+    EXPECT_EQ(lockHeldDuringDumps, std::vector<bool>(8, true));
 
-TEST_F(UidRules, OversizedUidRunsNoCommandButStillReturns) {
+    // An oversized UID runs no command, and the destroyer refuses it too.
+    const size_t sent = netlink.sent().size();
     manager()->update_NUV_iptables_for_UID(std::string(600, '1'), NUV_MODE_GAMING, NUV_MODE_VEK);
     EXPECT_TRUE(pipe.commands().empty());
     EXPECT_EQ(log.count("does not fit in 512, not run"), 4u);
-    // Not a UID the destroyer accepts either: nothing is destroyed.
-    EXPECT_TRUE(netlink.sent().empty());
+    EXPECT_EQ(netlink.sent().size(), sent);
     ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);
     pthread_mutex_unlock(&gIptablesMutex);
 }
 
 TEST_F(UidRules, DnsUpdateRedirectsOnlyWhenTheServerChanged) {
-    char iface[] = "wlan0", oldDns[] = "192.168.1.1", newDns[] = "10.0.0.53";
+    char iface[] = "wlan0", oldDns[] = "192.168.1.1", newDns[] = "10.0.0.53", same[] = "10.0.0.53";
+    const Lines mangle = {IPT + "-t mangle -F kwop_DNS",
+                          IPT + "-t mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_wlan0"};
     IptablesManager* m = manager();
     EXPECT_EQ(m->update_NUV_iptables_for_DNS(iface, oldDns, newDns), 0);
     EXPECT_EQ(pipe.commands(),
-              (Lines{IPT + "-t mangle -F kwop_DNS",
-                     IPT + "-t mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_wlan0",
-                     IPT + "-t nat -F kwop_DNS_nat",
-                     IPT + "-t nat -A kwop_DNS_nat -p udp --dport 53 -d 192.168.1.1 -j DNAT --to-destination 10.0.0.53"}));
+              (mangle + Lines{IPT + "-t nat -F kwop_DNS_nat",
+                              IPT + "-t nat -A kwop_DNS_nat -p udp --dport 53 -d 192.168.1.1 -j DNAT --to-destination 10.0.0.53"}));
     EXPECT_EQ(logOf(), (Lines{"D Update DNS route to wlan0 (10.0.0.53)"}));
+    EXPECT_EQ(manager()->update_NUV_iptables_for_DNS(iface, newDns, same), 0);
+    EXPECT_EQ(pipe.commands(), mangle);
 
-    pipe.clear();
-    char same[] = "10.0.0.53";
-    EXPECT_EQ(m->update_NUV_iptables_for_DNS(iface, newDns, same), 0);
-    EXPECT_EQ(pipe.commands(),
-              (Lines{IPT + "-t mangle -F kwop_DNS",
-                     IPT + "-t mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_wlan0"}));
-}
-
-TEST_F(UidRules, DnsUpdateForANullInterfaceKeepsTheLockUntilReset) {
-    char dns[] = "10.0.0.53";
-    EXPECT_EQ(manager()->update_NUV_iptables_for_DNS(nullptr, dns, dns), -1);
+    // A null interface returns with the lock still held, until reset.
+    EXPECT_EQ(manager()->update_NUV_iptables_for_DNS(nullptr, same, same), -1);
     EXPECT_TRUE(pipe.commands().empty());
     EXPECT_TRUE(logOf().empty());
     EXPECT_EQ(pthread_mutex_trylock(&gIptablesMutex), EBUSY);
-
     IptablesManager::resetForTesting();
     ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);
     pthread_mutex_unlock(&gIptablesMutex);

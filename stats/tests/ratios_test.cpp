@@ -17,9 +17,6 @@
 namespace vekd::test {
 namespace {
 
-#define EXPECT_RATIOS(...) \
-    EXPECT_THAT(ratios(), testing::Pointwise(testing::FloatEq(), std::vector<float>{__VA_ARGS__}))
-
 constexpr const char* kRule =
     "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kwop_VEK --match multiport -p tcp --dports "
     "80,443 -m state --state NEW -m statistic --mode random --probability ";
@@ -76,48 +73,68 @@ class RatiosTest : public StatsTest {
     LockProbePipe pipe;
 };
 
-TEST_F(RatiosTest, BelowTheThresholdMeteredLinksFillUpAboveItOnlyUnmeteredCarry) {
-    set(OPER_WIFI_THRESHOLD, 4000);
-    link("wlan0", false, 3000);
-    link("rmnet0", true, 1000);
-    EXPECT_TRUE(stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 1000, 3000, 3000));
-    EXPECT_RATIOS(0.25f, 0.75f);
+struct Link {
+    const char* name;
+    bool metered;
+    unsigned lre;
+    float previous = 0;       // the share from the turn before
+    bool configured = true;   // false: measured but not in the configuration
+};
 
-    set(OPER_WIFI_THRESHOLD, 2000);
-    EXPECT_TRUE(stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 1000, 3000, 3000));
-    EXPECT_RATIOS(0.0f, 1.0f);
-}
-
-TEST_F(RatiosTest, DominantUnmeteredLinkGetsTheFixedShareOnlyAboveTheResetThreshold) {
-    params->m_vekMaxUsageOnInterface = 70;
-    link("wlan0", false, 900);
-    link("wlan1", false, 100);
-    link("ghost", false, 0);
-    free(params->m_interfaceMap["ghost"]);  // measured but not configured
-    params->m_interfaceMap.erase("ghost");
-    stats()->m_linkStatsMap["ghost"]->interfaceRatio = 0.42f;
-
-    params->m_thresholdToStartReset = 80;
-    stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 0, 1000, 900);
-    EXPECT_RATIOS(0.42f, 0.7f, 0.3f);
-
-    // Dominance 0.9 is not above 90 %: shares in proportion to the rates.
-    params->m_thresholdToStartReset = 90;
-    stats()->calcVekRatios(RATIO_CALC_UNMETERED_ONLY, 0, 1000, 900);
-    EXPECT_RATIOS(0.42f, 0.9f, 0.1f);
-}
-
-TEST_F(RatiosTest, RemainderGoesInEqualPartsToLinksWithoutEstimate) {
-    set(OPER_WIFI_THRESHOLD, 1000);
-    link("wlan0", false, 0);
-    link("wlan1", false, 500);
-    stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 0, 500, 500);
-    EXPECT_RATIOS(0.5f, 0.5f);
-
-    link("wlan1", false, 400);
-    link("rmnet0", true, 0);
-    stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 0, 400, 400);
-    EXPECT_RATIOS(0.3f, 0.3f, 0.4f);
+// One turn each, from a fresh store: the links, the turn's figures and the
+// shares (in name order) it hands out. `reported`: -1 when not of interest.
+TEST_F(RatiosTest, SharesOfOneTurn) {
+    const auto kMetered = RATIO_CALC_WITH_METERED, kUnmetered = RATIO_CALC_UNMETERED_ONLY;
+    const struct {
+        const char* what;
+        int wifiThreshold, maxUsage, resetThreshold;
+        std::vector<Link> links;
+        VEK_ratio_calc_process mode;
+        float minRate, totalRate, maxRate;
+        std::vector<float> shares;
+        int reported;
+    } cases[] = {
+        {"no link", 0, 0, 0, {}, kMetered, 0, 0, 0, {}, 0},
+        {"below the threshold metered links fill up", 4000, 0, 0,
+         {{"wlan0", false, 3000}, {"rmnet0", true, 1000}}, kMetered, 1000, 3000, 3000, {0.25f, 0.75f}, 1},
+        {"above it only unmetered links carry", 2000, 0, 0,
+         {{"wlan0", false, 3000}, {"rmnet0", true, 1000}}, kUnmetered, 1000, 3000, 3000, {0.0f, 1.0f}, 1},
+        {"a dominant link gets the fixed share above the reset threshold", 0, 70, 80,
+         {{"wlan0", false, 900}, {"wlan1", false, 100}, {"ghost", false, 0, 0.42f, false}}, kUnmetered, 0, 1000, 900,
+         {0.42f, 0.7f, 0.3f}, -1},
+        {"dominance 0.9 is not above 90 %: shares follow the rates", 0, 70, 90,
+         {{"wlan0", false, 900}, {"wlan1", false, 100}, {"ghost", false, 0, 0.42f, false}}, kUnmetered, 0, 1000, 900,
+         {0.42f, 0.9f, 0.1f}, -1},
+        {"the remainder goes to the link without estimate", 1000, 0, 0,
+         {{"wlan0", false, 0}, {"wlan1", false, 500}}, kMetered, 0, 500, 500, {0.5f, 0.5f}, -1},
+        {"the remainder in equal parts", 1000, 0, 0,
+         {{"wlan0", false, 0}, {"wlan1", false, 400}, {"rmnet0", true, 0}}, kMetered, 0, 400, 400, {0.3f, 0.3f, 0.4f}, -1},
+        // Every r is 0: the remainder goes to the link without an estimate,
+        // not to one whose share merely is 0; the other shares stay.
+        {"unknown mode", 0, 0, 0, {{"wlan0", false, 700, 0.6f}, {"wlan1", false, 0}, {"wlan2", false, 300}},
+         static_cast<VEK_ratio_calc_process>(7), 0, 1000, 700, {0.6f, 1.0f / 3, 0.0f}, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        TearDown();
+        SetUp();
+        set(OPER_WIFI_THRESHOLD, c.wifiThreshold);
+        params->m_vekMaxUsageOnInterface = c.maxUsage;
+        params->m_thresholdToStartReset = c.resetThreshold;
+        for (const Link& l : c.links) {
+            link(l.name, l.metered, l.lre)->interfaceRatio = l.previous;
+            if (!l.configured) {
+                free(params->m_interfaceMap[l.name]);
+                params->m_interfaceMap.erase(l.name);
+            }
+        }
+        const bool reported = stats()->calcVekRatios(c.mode, c.minRate, c.totalRate, c.maxRate);
+        if (c.reported >= 0) {
+            EXPECT_EQ(reported, c.reported == 1);
+        }
+        EXPECT_THAT(ratios(), testing::Pointwise(testing::FloatEq(), c.shares));
+    }
+    EXPECT_EQ(log.count("calcVekRatios unexpected behavior in calc ratio"), 3u);
 }
 
 TEST_F(RatiosTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
@@ -132,18 +149,6 @@ TEST_F(RatiosTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
     EXPECT_FALSE(turn(5, 3));  // 0.625 / 0.375: measured against 0.5 / 0.5, not installed
     EXPECT_TRUE(turn(1, 3));   // back to 0.25 / 0.75: half of 0.75
     EXPECT_TRUE(log.contains("VEK_RATIO a, 1, 0.250000"));
-}
-
-TEST_F(RatiosTest, UnknownModeKeepsSharesAndHandsOutOnlyOnTheEstimate) {
-    EXPECT_FALSE(stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 0, 0, 0));  // empty map
-    link("wlan0", false, 700)->interfaceRatio = 0.6f;
-    link("wlan1", false, 0);
-    link("wlan2", false, 300);
-    // Every r is 0: the whole remainder goes to the one link without an
-    // estimate, not to a link whose share merely is 0.
-    EXPECT_TRUE(stats()->calcVekRatios(static_cast<VEK_ratio_calc_process>(7), 0, 1000, 700));
-    EXPECT_RATIOS(0.6f, 1.0f / 3, 0.0f);
-    EXPECT_EQ(log.count("calcVekRatios unexpected behavior in calc ratio"), 3u);
 }
 
 // Evaluation turns over statistics files mapped from disk.
