@@ -1,9 +1,9 @@
+// The flat parcel format and local binder objects, without a transport.
 #include <binder/Binder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
 #include "platform/binder/HostBinder.h"
@@ -23,48 +23,26 @@ class ParcelTest : public ::testing::Test {
     vekd::test::TempRoot m_root;
 };
 
-class Described : public android::BBinder {
-  public:
-    const String16& getInterfaceDescriptor() const override { return m_descriptor; }
-    String16 m_descriptor{"vekd"};
-};
-
-TEST_F(ParcelTest, FlatBytesOfTokenCStringAndString16) {
-    Parcel token;
-    token.writeInterfaceToken(String16("vekd"));
-    const std::vector<uint8_t> tokenBytes = {
-        0x00, 0x00, 0x00, 0x80,  // strict-mode policy with the gather bit
-        0xff, 0xff, 0xff, 0xff,  // no work source
-        0x04, 0x00, 0x00, 0x00,  // 4 UTF-16 units
-        'v',  0,    'e',  0,    'k', 0, 'd', 0,
-        0x00, 0x00, 0x00, 0x00,  // terminating unit, padding
+TEST_F(ParcelTest, FlatBytesOfEachKindOfValue) {
+    Parcel p;
+    p.writeInterfaceToken(String16("vekd"));
+    p.writeCString("abc");
+    p.writeCString("wlan0");
+    p.writeCString("");
+    p.writeString16(String16("hi"));
+    p.writeString16(nullptr, 0);
+    p.writeInt32(-2);
+    p.writeInt64(0x0102030405060708LL);
+    const std::vector<uint8_t> expected = {
+        0x00, 0x00, 0x00, 0x80,                          // strict-mode policy with the gather bit
+        0xff, 0xff, 0xff, 0xff,                          // no work source
+        4, 0, 0, 0, 'v', 0, 'e', 0, 'k', 0, 'd', 0, 0, 0, 0, 0,  // 4 UTF-16 units, terminator, pad
+        'a', 'b', 'c', 0, 'w', 'l', 'a', 'n', '0', 0, 0, 0, 0, 0, 0, 0,
+        2, 0, 0, 0, 'h', 0, 'i', 0, 0, 0, 0, 0,          // "hi", terminator, pad
+        0xff, 0xff, 0xff, 0xff,                          // a null string
+        0xfe, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3, 2, 1,
     };
-    EXPECT_EQ(bytesOf(token), tokenBytes);
-
-    Parcel cstrings;
-    cstrings.writeCString("abc");
-    cstrings.writeCString("wlan0");
-    cstrings.writeCString("");
-    const std::vector<uint8_t> cstringBytes = {'a', 'b', 'c', 0,   'w', 'l', 'a', 'n',
-                                               '0', 0,   0,   0,   0,   0,   0,   0};
-    EXPECT_EQ(bytesOf(cstrings), cstringBytes);
-
-    Parcel s16;
-    s16.writeString16(String16("hi"));
-    s16.writeString16(String16("abc"));
-    s16.writeString16(nullptr, 0);
-    const std::vector<uint8_t> s16Bytes = {
-        2,    0,    0,    0,    'h', 0, 'i', 0, 0, 0, 0, 0,  // "hi" + zero unit + pad
-        3,    0,    0,    0,    'a', 0, 'b', 0, 'c', 0, 0, 0,  // "abc" + zero unit
-        0xff, 0xff, 0xff, 0xff,                              // a null string
-    };
-    EXPECT_EQ(bytesOf(s16), s16Bytes);
-
-    Parcel ints;
-    ints.writeInt32(-2);
-    ints.writeInt64(0x0102030405060708LL);
-    const std::vector<uint8_t> intBytes = {0xfe, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3, 2, 1};
-    EXPECT_EQ(bytesOf(ints), intBytes);
+    EXPECT_EQ(bytesOf(p), expected);
 }
 
 TEST_F(ParcelTest, ValuesRoundTripAndPositionsFollow) {
@@ -72,17 +50,20 @@ TEST_F(ParcelTest, ValuesRoundTripAndPositionsFollow) {
     p.writeInt32(7);
     p.writeCString("wlan0,100,0,1,1,0,0x10000,8.8.8.8");
     p.writeString16(String16("vekd"));
+    p.writeString16(String16(""));
+    p.writeString8(android::String8("abc"));
     p.writeBool(true);
     p.writeUint64(1ULL << 40);
     p.writeDouble(2.5);
     p.writeUtf8AsUtf16("h\xc3\xa9");
     EXPECT_EQ(p.dataSize(), p.dataPosition());
-    EXPECT_EQ(p.dataSize() % 4, 0u);
 
     p.setDataPosition(0);
     EXPECT_EQ(p.readInt32(), 7);
     EXPECT_STREQ(p.readCString(), "wlan0,100,0,1,1,0,0x10000,8.8.8.8");
     EXPECT_EQ(p.readString16(), String16("vekd"));
+    EXPECT_EQ(p.readString16(), String16(""));
+    EXPECT_EQ(p.readString8(), android::String8("abc"));
     EXPECT_TRUE(p.readBool());
     EXPECT_EQ(p.readUint64(), 1ULL << 40);
     EXPECT_EQ(p.readDouble(), 2.5);
@@ -91,12 +72,18 @@ TEST_F(ParcelTest, ValuesRoundTripAndPositionsFollow) {
     EXPECT_EQ(utf8, "h\xc3\xa9");
     EXPECT_EQ(p.dataAvail(), 0u);
 
-    // A copy made with setData reads the same; writing after a jump past the
-    // end leaves zeros, not stale memory, in the gap.
+    // A copy made with setData reads the same; appendFrom takes any range
+    // inside the source; writing after a jump past the end leaves zeros.
     Parcel copy;
     copy.setData(p.data(), p.dataSize());
     EXPECT_EQ(copy.compareData(p), 0);
     EXPECT_EQ(copy.readInt32(), 7);
+    Parcel part;
+    EXPECT_EQ(part.appendFrom(&p, 0, 4), android::NO_ERROR);
+    EXPECT_EQ(part.appendFrom(&p, p.dataSize(), 0), android::NO_ERROR);
+    EXPECT_EQ(part.appendFrom(&p, p.dataSize() - 3, 4), android::BAD_VALUE);
+    EXPECT_EQ(part.appendFrom(&p, p.dataSize() + 1, 0), android::BAD_VALUE);
+    EXPECT_EQ(bytesOf(part), (std::vector<uint8_t>{7, 0, 0, 0}));
     Parcel gap;
     gap.setDataPosition(8);
     gap.writeInt32(5);
@@ -107,12 +94,10 @@ TEST_F(ParcelTest, DamagedOrShortParcelsReadAsErrorsNotCrashes) {
     Parcel empty;
     int32_t v = 99;
     EXPECT_EQ(empty.readInt32(&v), android::NOT_ENOUGH_DATA);
-    EXPECT_EQ(empty.readInt32(), 0);
     EXPECT_EQ(empty.readCString(), nullptr);
     EXPECT_EQ(empty.readString16(), String16());
 
-    // No NUL anywhere: no string.
-    Parcel unterminated;
+    Parcel unterminated;  // no NUL anywhere: no string
     const uint8_t raw[] = {'a', 'b', 'c', 'd'};
     unterminated.setData(raw, sizeof(raw));
     EXPECT_EQ(unterminated.readCString(), nullptr);
@@ -133,23 +118,31 @@ TEST_F(ParcelTest, DamagedOrShortParcelsReadAsErrorsNotCrashes) {
     String16 out("x");
     EXPECT_EQ(null16.readString16(&out), android::UNEXPECTED_NULL);
 
-    // A position set far past the end is harmless.
-    Parcel far;
-    far.writeInt32(1);
-    far.setDataPosition(1u << 30);
-    EXPECT_EQ(far.readInt32(&v), android::NOT_ENOUGH_DATA);
-    EXPECT_EQ(far.readInplace(4), nullptr);
+    Parcel two;  // reads stop at the end, also from a position far past it
+    two.writeInt64(1);
+    two.setDataPosition(4);
+    EXPECT_EQ(two.readInplace(8), nullptr);
+    EXPECT_EQ(two.readInt64(), 0);
+    two.setDataPosition(1u << 30);
+    EXPECT_EQ(two.readInt32(&v), android::NOT_ENOUGH_DATA);
 }
 
-TEST_F(ParcelTest, InterfaceTokenIsCheckedAndAlwaysConsumed) {
+class Described : public android::BBinder {
+  public:
+    const String16& getInterfaceDescriptor() const override { return m_descriptor; }
+    String16 m_descriptor{"vekd"};
+};
+
+TEST_F(ParcelTest, InterfaceTokenIsCheckedConsumedAndCarriesTheWorkSource) {
     android::sp<Described> binder = new Described();
     Parcel good;
     good.writeInterfaceToken(String16("vekd"));
     good.writeInt32(10050);
+    EXPECT_TRUE(good.replaceCallingWorkSourceUid(1234));
     good.setDataPosition(0);
     EXPECT_TRUE(good.checkInterface(binder.get()));
     EXPECT_EQ(good.readInt32(), 10050);
-    EXPECT_EQ(static_cast<int32_t>(good.readCallingWorkSourceUid()), -1);
+    EXPECT_EQ(good.readCallingWorkSourceUid(), 1234u);
 
     Parcel wrong;
     wrong.writeInterfaceToken(String16("other"));
@@ -158,9 +151,22 @@ TEST_F(ParcelTest, InterfaceTokenIsCheckedAndAlwaysConsumed) {
     EXPECT_FALSE(wrong.enforceInterface(String16("vekd")));
     EXPECT_EQ(wrong.readInt32(), 10051);
 
-    Parcel none;
+    Parcel none;  // no token: no work source, nothing to check
+    none.writeInt32(5);
+    EXPECT_EQ(static_cast<int32_t>(none.readCallingWorkSourceUid()), -1);
+    EXPECT_FALSE(none.replaceCallingWorkSourceUid(1));
     EXPECT_FALSE(none.checkInterface(binder.get()));
     EXPECT_FALSE(none.checkInterface(nullptr));
+}
+
+TEST_F(ParcelTest, ObjectsAttachedToALocalBinderAreFoundUntilDetached) {
+    android::sp<Described> binder = new Described();
+    int key = 0, object = 0;
+    EXPECT_EQ(binder->findObject(&key), nullptr);
+    binder->attachObject(&key, &object, nullptr, nullptr);
+    EXPECT_EQ(binder->findObject(&key), &object);
+    binder->detachObject(&key);
+    EXPECT_EQ(binder->findObject(&key), nullptr);
 }
 
 }  // namespace
