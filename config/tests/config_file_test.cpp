@@ -8,15 +8,9 @@ namespace {
 using ConfigFile = ParametersTestBase;
 
 TEST_F(ConfigFile, CommentTakesTheCharacterBeforeItAndOnlyBlankAndTabAreTrimmed) {
-    Parameters* p = load(
-        " \tmini_est_interval = 2000 \t\n"
-        "mini_stale_interval=2000#x\n"
-        "ideal_est_window=700 # note\n"
-        "   # only a comment\n"
-        "# wifi_threshold=1\n"
-        "no equals sign here\n"
-        "protocols=tcp,udp,quic\r\n"
-        "wan_threshold=800\r\n");
+    Parameters* p = load(" \tmini_est_interval = 2000 \t\nmini_stale_interval=2000#x\nideal_est_window=700 # note\n"
+                         "   # only a comment\n# wifi_threshold=1\nno equals sign here\nprotocols=tcp,udp,quic\r\n"
+                         "wan_threshold=800\r\n");
     EXPECT_EQ(p->get(OPER_MINI_EST_INTERVAL), 2000);
     EXPECT_EQ(p->get(OPER_MINI_STALE_INTERVAL), 200);
     EXPECT_EQ(p->get(OPER_IDEAL_EST_WINDOW), 700);
@@ -26,13 +20,8 @@ TEST_F(ConfigFile, CommentTakesTheCharacterBeforeItAndOnlyBlankAndTabAreTrimmed)
 }
 
 TEST_F(ConfigFile, ValueIsEverythingAfterTheFirstEqualsAndLaterLinesWin) {
-    Parameters* p = load(
-        "gaming_whitelist=a=b\n"
-        "ports=1\n"
-        "ports=8080\n"
-        "min_ratio_change=abc\n"
-        "vek_max_usage_on_interface=99999999999\n"
-        "interface_2=rmnet_data0,1,rmnet_data0,0x5B,0,5,0,10.0.0.1\n");
+    Parameters* p = load("gaming_whitelist=a=b\nports=1\nports=8080\nmin_ratio_change=abc\n"
+                         "vek_max_usage_on_interface=99999999999\ninterface_2=rmnet_data0,1,rmnet_data0,0x5B,0,5,0,10.0.0.1\n");
     EXPECT_EQ(p->m_gamingWhitelist, "a=b");
     EXPECT_EQ(p->m_ports, "8080");
     EXPECT_EQ(p->m_minRatioChange, 0);
@@ -63,17 +52,15 @@ TEST_F(ConfigFile, SetValueReportsUnknownKeysAndLogsOnlyWhenVerbose) {
 
 TEST_F(ConfigFile, EveryKeyOfTheVocabularyIsKnown) {
     Parameters* p = load("");
-    const char* keys[] = {"VEKEnabled", "wifi_threshold", "wan_threshold", "mini_est_interval",
-        "mini_stale_interval", "ideal_est_window", "mini_rate_window", "CellularSockAssignRate",
-        "SockActiveTime", "SockStaleTime", "update_pm_freq", "protocols", "ports",
-        "estimate_pack_num", "min_ratio_change", "best_est_cache_size", "init_wwan_percentage",
-        "gaming_whitelist", "rtt_server", "ping_period_ms", "rtt_noresponse_timeout_ms", "rtt_hist",
-        "rtt_w2c_th_wifi_ms", "rtt_w2c_th_c_ms", "rtt_delta_ms", "rtt_c2w_th_wifi_ms",
-        "rtt_c2w_th_wifi_min_ms", "rtt_c2w_th_c_ms", "t_hyst_s", "min_ping_times",
-        "ping_interval_ms", "alpha_percent", "n_hyst", "rtt_min_cap_ms", "gaming_poll_freq_cnt",
-        "gaming_uid_list", "interface_0", "interface_1", "interface_2", "interface_3",
-        "num_interfaces", "rtt_entry_threshold", "rtt_exit_threshold", "vek_uid_list",
-        "vek_max_usage_on_interface", "threshold_to_start_reset", "max_size_to_calculate_lre",
+    const char* keys[] = {"VEKEnabled", "wifi_threshold", "wan_threshold", "mini_est_interval", "mini_stale_interval",
+        "ideal_est_window", "mini_rate_window", "CellularSockAssignRate", "SockActiveTime", "SockStaleTime",
+        "update_pm_freq", "protocols", "ports", "estimate_pack_num", "min_ratio_change", "best_est_cache_size",
+        "init_wwan_percentage", "gaming_whitelist", "rtt_server", "ping_period_ms", "rtt_noresponse_timeout_ms",
+        "rtt_hist", "rtt_w2c_th_wifi_ms", "rtt_w2c_th_c_ms", "rtt_delta_ms", "rtt_c2w_th_wifi_ms",
+        "rtt_c2w_th_wifi_min_ms", "rtt_c2w_th_c_ms", "t_hyst_s", "min_ping_times", "ping_interval_ms",
+        "alpha_percent", "n_hyst", "rtt_min_cap_ms", "gaming_poll_freq_cnt", "gaming_uid_list", "interface_0",
+        "interface_1", "interface_2", "interface_3", "num_interfaces", "rtt_entry_threshold", "rtt_exit_threshold",
+        "vek_uid_list", "vek_max_usage_on_interface", "threshold_to_start_reset", "max_size_to_calculate_lre",
         "route_dns_queries", "use_dns_for_rtt_calc"};
     for (const char* key : keys) EXPECT_TRUE(p->setValue(key, "7")) << key;
     EXPECT_EQ(p->get(OPER_VEK_ENABLED), 7);

