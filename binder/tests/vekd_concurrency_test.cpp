@@ -2,7 +2,6 @@
 // evaluation turning beside them. Built under ThreadSanitizer too.
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
-#include <binder/ProcessState.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,18 +15,15 @@
 namespace {
 
 using android::Parcel;
-using android::sp;
-using android::String16;
 
 TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
     vekd::test::InProcessDaemon daemon;
     daemon.root.writeFile("/proc/vek/config", "");
-
     Parameters* params = Parameters::instance();
     IVekd::startBind();
-    sp<android::IBinder> probe = android::defaultServiceManager()->checkService(String16("vekd"));
-    ASSERT_NE(probe, nullptr);
-    ASSERT_NE(probe->remoteBinder(), nullptr) << "clients must go through the socket";
+    auto lookUp = [] { return android::defaultServiceManager()->checkService(android::String16("vekd")); };
+    ASSERT_NE(lookUp(), nullptr);
+    ASSERT_NE(lookUp()->remoteBinder(), nullptr) << "clients must go through the socket";
 
     std::atomic<bool> stop{false};
     std::thread loop([&] {
@@ -36,31 +32,21 @@ TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
             std::this_thread::yield();
         }
     });
-
-    constexpr int kClients = 8;
-    constexpr int kRounds = 25;
+    constexpr int kClients = 8, kRounds = 25;
     std::atomic<int> answered{0};
     std::vector<std::thread> clients;
     for (int c = 0; c < kClients; ++c) {
         clients.emplace_back([&, c] {
-            sp<android::IBinder> vekd = android::defaultServiceManager()->checkService(String16("vekd"));
-            if (vekd == nullptr) return;
-            const int uid = 20000 + c;
-            const std::string iface = "if" + std::to_string(c % 4) + ",0,if" + std::to_string(c % 4) +
-                                      ",0x5" + std::to_string(c % 4) + ",0,1,0,10.0.0." + std::to_string(c);
-            for (int r = 0; r < kRounds; ++r) {
+            android::sp<android::IBinder> vekd = lookUp();
+            const std::string n = std::to_string(c % 4);
+            const std::string iface = "if" + n + ",0,if" + n + ",0x5" + n + ",0,1,0,10.0.0." + std::to_string(c);
+            for (int r = 0; vekd != nullptr && r < kRounds; ++r) {
                 for (uint32_t code : {4u, 5u, 1u, 2u, 3u}) {
                     Parcel data, reply;
                     data.writeInterfaceToken(IVekd::descriptor);
-                    if (code == 1 || code == 2) {
-                        data.writeInt32(uid);
-                        data.writeInt32(code == 1 ? 1 : 0);
-                    } else if (code == 3) {
-                        data.writeInt32(r % 2);
-                    } else if (code == 4) {
-                        data.writeInt32(c % 4);
-                        data.writeCString(iface.c_str());
-                    }
+                    if (code <= 2) data.writeInt32(20000 + c), data.writeInt32(code == 1 ? 1 : 0);
+                    if (code == 3) data.writeInt32(r % 2);
+                    if (code == 4) data.writeInt32(c % 4), data.writeCString(iface.c_str());
                     if (vekd->transact(code, data, &reply) == android::NO_ERROR && reply.readInt32() == 0 &&
                         reply.dataSize() == 4) {
                         ++answered;
@@ -77,9 +63,9 @@ TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
     EXPECT_EQ(daemon.log.count("new_mode=1"), static_cast<size_t>(kClients * kRounds));
     const std::vector<std::string> rules = daemon.log.linesOf("NUVIptables");
     EXPECT_EQ(std::count(rules.begin(), rules.end(), "I old_mode=1"), kClients * kRounds);
+    EXPECT_EQ(daemon.log.count("Vekd::notifyWlanInetNuv(0)"), static_cast<size_t>(kClients * 13));
     EXPECT_EQ(NuvManager::instance()->uidModes().size(), static_cast<size_t>(kClients));
     EXPECT_EQ(params->m_runState.load(), kRunStateConfigured);
-
     vekd::binder::resetForTesting();
 }
 
