@@ -29,29 +29,20 @@ socklen_t loopback(int family, uint16_t port, sockaddr_storage* ss) {
     return sizeof(*a);
 }
 
-int boundSocket(int family, int type) {
-    int fd = socket(family, type | SOCK_CLOEXEC, 0);
+// `fd` bound (port 0) or connected (`port`) to loopback; -1 (and `fd` closed) on failure.
+int onLoopback(int fd, int family, bool connectTo, uint16_t port = 0) {
     if (fd < 0) return -1;
     sockaddr_storage ss;
-    socklen_t len = loopback(family, 0, &ss);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
+    socklen_t len = loopback(family, port, &ss);
+    auto* addr = reinterpret_cast<sockaddr*>(&ss);
+    if ((connectTo ? connect(fd, addr, len) : bind(fd, addr, len)) != 0) {
         close(fd);
         return -1;
     }
     return fd;
 }
 
-// Connects `fd` to `port` on loopback; `fd`, or -1 (and `fd` closed).
-int connectToLoopback(int fd, int family, uint16_t port) {
-    if (fd < 0) return -1;
-    sockaddr_storage ss;
-    socklen_t len = loopback(family, port, &ss);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
+int newSocket(int family, int type) { return socket(family, type | SOCK_CLOEXEC, 0); }
 
 }  // namespace
 
@@ -69,7 +60,7 @@ void Fds::closeAll() {
 }
 
 int tcpListener(int family, int backlog) {
-    int fd = boundSocket(family, SOCK_STREAM);
+    int fd = onLoopback(newSocket(family, SOCK_STREAM), family, false);
     if (fd >= 0 && listen(fd, backlog) != 0) {
         close(fd);
         return -1;
@@ -89,9 +80,9 @@ int tcpConnect(int family, uint16_t port, uid_t clientUid) {
     int fd;
     {
         SocketOwner owner(clientUid);
-        fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        fd = newSocket(family, SOCK_STREAM);
     }
-    return connectToLoopback(fd, family, port);
+    return onLoopback(fd, family, true, port);
 }
 
 bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, int* client,
@@ -109,11 +100,8 @@ bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, i
     return true;
 }
 
-int udpBound(int family) { return boundSocket(family, SOCK_DGRAM); }
-
-int udpConnected(int family, uint16_t port) {
-    return connectToLoopback(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0), family, port);
-}
+int udpBound(int family) { return onLoopback(newSocket(family, SOCK_DGRAM), family, false); }
+int udpConnected(int family, uint16_t port) { return onLoopback(newSocket(family, SOCK_DGRAM), family, true, port); }
 
 int tcpState(int fd) {
     tcp_info info{};

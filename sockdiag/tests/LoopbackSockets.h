@@ -1,5 +1,6 @@
 // Real sockets on loopback owned by a chosen UID, for the namespace tests and
-// the benchmark. Run only inside a private network namespace.
+// the benchmark. Run only inside a private network namespace. Functions that
+// make a socket answer -1 (or false) on failure.
 #pragma once
 
 #include <sys/resource.h>
@@ -38,19 +39,15 @@ class Fds {
     std::vector<int> m_fds;
 };
 
-// A TCP listener on the loopback address of `family` (AF_INET or AF_INET6),
-// on an ephemeral port; -1 on failure.
+// A TCP listener on the loopback address of `family` on an ephemeral port.
 int tcpListener(int family, int backlog = 128);
 // The local port of a bound socket, host byte order.
 uint16_t localPort(int fd);
-// Connects a new TCP socket owned by `clientUid` to `listener` on loopback and
-// accepts it as `serverUid` (an accepted socket belongs to whoever accepts
-// it, not to the listener's owner); false on failure.
-bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, int* client,
-                   int* server);
-// Only the client side: a TCP socket owned by `clientUid` connected to `port`
-// on loopback; the kernel completes the handshake and queues the other end
-// on the listener without a descriptor. -1 on failure.
+// A TCP socket owned by `clientUid` connected to `listener`, accepted as
+// `serverUid` (an accepted socket belongs to whoever accepts it).
+bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, int* client, int* server);
+// Only the client side, connected to `port`; the kernel queues the other end
+// on the listener without a descriptor.
 int tcpConnect(int family, uint16_t port, uid_t clientUid);
 // A UDP socket bound to loopback, and one connected to `port` on loopback.
 int udpBound(int family);

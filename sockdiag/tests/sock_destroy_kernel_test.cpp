@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -28,27 +29,22 @@ constexpr uid_t kProbeApp = 10999;
 // Whether this kernel destroys sockets on request (CONFIG_INET_DIAG_DESTROY).
 bool sockDestroySupported(std::string* why) {
     Fds fds;
-    int receiver = fds.add(vekd::test::udpBound(AF_INET));
+    const uint16_t port = vekd::test::localPort(fds.add(vekd::test::udpBound(AF_INET)));
     int probe;
     {
         SocketOwner owner(kProbeApp);
-        probe = fds.add(vekd::test::udpConnected(AF_INET, vekd::test::localPort(receiver)));
-    }
-    if (receiver < 0 || probe < 0) {
-        *why = std::string("cannot create loopback sockets: ") + strerror(errno);
-        return false;
+        probe = fds.add(vekd::test::udpConnected(AF_INET, port));
     }
     SockDiag sd;
-    if (!sd.open()) {
-        *why = std::string("cannot open NETLINK_SOCK_DIAG: ") + strerror(errno);
+    if (probe < 0 || !sd.open()) {
+        *why = std::string("cannot create loopback or NETLINK_SOCK_DIAG sockets: ") + strerror(errno);
         return false;
     }
-    int ret = sd.destroySockets(IPPROTO_UDP, kProbeApp, false);
-    if (ret == 0 && sd.socketsDestroyed() == 1 && vekd::test::pendingError(probe) == ECONNABORTED) {
+    if (sd.destroySockets(IPPROTO_UDP, kProbeApp, false) == 0 && sd.socketsDestroyed() == 1 &&
+        vekd::test::pendingError(probe) == ECONNABORTED) {
         return true;
     }
-    *why = "this kernel does not destroy sockets on request (SOCK_DESTROY unsupported; "
-           "needs CONFIG_INET_DIAG_DESTROY)";
+    *why = "this kernel does not destroy sockets on request (needs CONFIG_INET_DIAG_DESTROY)";
     return false;
 }
 
@@ -63,49 +59,40 @@ bool sockDestroySupported(std::string* why) {
 // One family's worth of sockets around UID kApp.
 struct Scene {
     Fds fds;
-    int appClient = -1, peerOfAppClient = -1;   // app connects to root's listener
-    int appListener = -1;                        // app listens ...
-    int rootClient = -1, appAccepted = -1;       // ... and accepted root's connection
-    int appUdp = -1, udpReceiver = -1;
-    int otherClient = -1, otherAccepted = -1;    // another app's connection
-    int otherUdp = -1;
+    int appClient = -1, peerOfAppClient = -1;  // app connects to root's listener
+    int appListener = -1;                      // app listens ...
+    int rootClient = -1, appAccepted = -1;     // ... and accepted root's connection
+    int appUdp = -1, otherUdp = -1;
+    int otherClient = -1, otherAccepted = -1;  // another app's connection
 
     bool build(int family) {
-        using vekd::test::tcpConnection;
-        int rootListener = fds.add(vekd::test::tcpListener(family));
-        udpReceiver = fds.add(vekd::test::udpBound(family));
-        {
-            SocketOwner owner(kApp);
-            appListener = fds.add(vekd::test::tcpListener(family));
-        }
-        if (rootListener < 0 || udpReceiver < 0 || appListener < 0) return false;
-        const uint16_t udpPort = vekd::test::localPort(udpReceiver);
-
-        if (!tcpConnection(family, rootListener, kApp, 0, &appClient, &peerOfAppClient)) return false;
-        fds.add(appClient);
-        fds.add(peerOfAppClient);
-        if (!tcpConnection(family, appListener, 0, kApp, &rootClient, &appAccepted)) return false;
-        fds.add(rootClient);
-        fds.add(appAccepted);
-        if (!tcpConnection(family, rootListener, kOtherApp, 0, &otherClient, &otherAccepted)) return false;
-        fds.add(otherClient);
-        fds.add(otherAccepted);
-        {
-            SocketOwner owner(kApp);
-            appUdp = fds.add(vekd::test::udpConnected(family, udpPort));
-        }
-        {
-            SocketOwner owner(kOtherApp);
-            otherUdp = fds.add(vekd::test::udpConnected(family, udpPort));
-        }
-        return appUdp >= 0 && otherUdp >= 0;
+        using namespace vekd::test;
+        auto owned = [&](uid_t uid, auto make) {
+            SocketOwner owner(uid);
+            return fds.add(make());
+        };
+        auto connection = [&](int listener, uid_t client, uid_t server, int* c, int* a) {
+            bool ok = tcpConnection(family, listener, client, server, c, a);
+            fds.add(*c), fds.add(*a);
+            return ok;
+        };
+        int rootListener = fds.add(tcpListener(family));
+        const uint16_t udpPort = localPort(fds.add(udpBound(family)));
+        appListener = owned(kApp, [&] { return tcpListener(family); });
+        appUdp = owned(kApp, [&] { return udpConnected(family, udpPort); });
+        otherUdp = owned(kOtherApp, [&] { return udpConnected(family, udpPort); });
+        return rootListener >= 0 && appListener >= 0 && appUdp >= 0 && otherUdp >= 0 &&
+               connection(rootListener, kApp, 0, &appClient, &peerOfAppClient) &&
+               connection(appListener, 0, kApp, &rootClient, &appAccepted) &&
+               connection(rootListener, kOtherApp, 0, &otherClient, &otherAccepted);
     }
 };
 
-// -1 with errno after a non-blocking receive, or what it returned.
-int receiveNow(int fd) {
+// errno after a non-blocking receive that must fail.
+int receiveError(int fd) {
     char c;
-    return static_cast<int>(recv(fd, &c, 1, MSG_DONTWAIT));
+    errno = 0;
+    return recv(fd, &c, 1, MSG_DONTWAIT) == -1 ? errno : 0;
 }
 
 TEST(SockDestroyKernel, DestroysTheUidsSocketsOnBothFamiliesAndSparesTheRest) {
@@ -122,42 +109,32 @@ TEST(SockDestroyKernel, DestroysTheUidsSocketsOnBothFamiliesAndSparesTheRest) {
 
     for (Scene* s : {&v4, &v6}) {
         SCOPED_TRACE(s == &v4 ? "IPv4" : "IPv6");
-        // Destroyed: closed, with the abort waiting as the socket's error.
-        EXPECT_EQ(vekd::test::tcpState(s->appClient), TCP_CLOSE);
-        EXPECT_EQ(vekd::test::pendingError(s->appClient), ECONNABORTED);
-        EXPECT_EQ(vekd::test::tcpState(s->appAccepted), TCP_CLOSE);
-        EXPECT_EQ(vekd::test::pendingError(s->appUdp), ECONNABORTED);
-
-        // The peers of the destroyed connections were reset.
-        errno = 0;
-        EXPECT_EQ(receiveNow(s->peerOfAppClient), -1);
-        EXPECT_EQ(errno, ECONNRESET);
-        errno = 0;
-        EXPECT_EQ(receiveNow(s->rootClient), -1);
-        EXPECT_EQ(errno, ECONNRESET);
+        using vekd::test::pendingError;
+        using vekd::test::tcpState;
+        // Destroyed: closed, with the abort waiting as the socket's error; the peers reset.
+        EXPECT_EQ(tcpState(s->appClient), TCP_CLOSE);
+        EXPECT_EQ(pendingError(s->appClient), ECONNABORTED);
+        EXPECT_EQ(tcpState(s->appAccepted), TCP_CLOSE);
+        EXPECT_EQ(pendingError(s->appUdp), ECONNABORTED);
+        EXPECT_EQ(receiveError(s->peerOfAppClient), ECONNRESET);
+        EXPECT_EQ(receiveError(s->rootClient), ECONNRESET);
 
         // The app's listener still accepts.
-        EXPECT_EQ(vekd::test::tcpState(s->appListener), TCP_LISTEN);
         int c = -1, a = -1;
-        EXPECT_TRUE(vekd::test::tcpConnection(s == &v4 ? AF_INET : AF_INET6, s->appListener, 0, kApp,
-                                              &c, &a));
-        s->fds.add(c);
-        s->fds.add(a);
+        EXPECT_TRUE(vekd::test::tcpConnection(s == &v4 ? AF_INET : AF_INET6, s->appListener, 0, kApp, &c, &a));
+        s->fds.add(c), s->fds.add(a);
 
         // The other app's sockets are untouched and still carry data.
-        EXPECT_EQ(vekd::test::tcpState(s->otherClient), TCP_ESTABLISHED);
-        EXPECT_EQ(vekd::test::tcpState(s->otherAccepted), TCP_ESTABLISHED);
+        EXPECT_EQ(tcpState(s->otherAccepted), TCP_ESTABLISHED);
         EXPECT_EQ(send(s->otherClient, "x", 1, 0), 1);
-        EXPECT_EQ(vekd::test::pendingError(s->otherUdp), 0);
+        EXPECT_EQ(pendingError(s->otherUdp), 0);
         EXPECT_EQ(send(s->otherUdp, "x", 1, 0), 1);
     }
 }
 
 size_t countTimeWait(uint16_t port) {
-    std::string out = vekd::test::runShell("ss -Htan state time-wait sport = :" + std::to_string(port));
-    size_t lines = 0;
-    for (char c : out) lines += c == '\n';
-    return lines;
+    const std::string out = vekd::test::runShell("ss -Htan state time-wait sport = :" + std::to_string(port));
+    return static_cast<size_t>(std::count(out.begin(), out.end(), '\n'));
 }
 
 // The kernel reports a TIME_WAIT socket without its owner (UID 0): the
