@@ -71,7 +71,7 @@ void LinkMonitor::begin(const MonitorSettings& settings, const std::vector<Monit
     if (m_settings.timeoutMs <= 0) m_settings.timeoutMs = m_settings.periodMs;
     m_links.clear();
     for (size_t i = 0; i < links.size(); ++i) {
-        m_links.push_back(Link{links[i], LinkHealth(m_settings.health)});
+        m_links.push_back(Link{links[i], LinkHealth(m_settings.health), false, 0, 0, 0, {}});
         prober().open(i, links[i].name, links[i].mark);
     }
     m_resolved = false;
@@ -138,10 +138,14 @@ bool LinkMonitor::settle(int64_t now, const std::vector<ProbeAnswer>& answers) {
     for (const ProbeAnswer& answer : answers) {
         if (answer.link >= m_links.size()) continue;
         Link& link = m_links[answer.link];
-        // Late answers to probes already counted as lost do not count.
-        if (!link.inFlight || answer.sequence != link.sequence) continue;
-        link.inFlight = false;
-        const auto rtt = static_cast<int32_t>(std::min<int64_t>(now - link.sentMs, INT32_MAX));
+        // A late answer does not undo the loss already counted, but a link
+        // that answers is alive: a loaded link's queue delays answers
+        // beyond the timeout without the link being dead.
+        Sent& sent = link.recent[answer.sequence % kRecent];
+        if (!sent.open || sent.sequence != answer.sequence) continue;
+        sent.open = false;
+        if (link.inFlight && answer.sequence == link.sequence) link.inFlight = false;
+        const auto rtt = static_cast<int32_t>(std::min<int64_t>(now - sent.sentMs, INT32_MAX));
         const LinkHealth::Change change = link.health.answered(rtt);
         report(link, change);
         changed |= change != LinkHealth::Change::None;
@@ -167,6 +171,7 @@ bool LinkMonitor::sendDue(int64_t now) {
         if (link.nextSendMs <= now) link.nextSendMs = now + m_settings.periodMs;
         if (prober().send(i, m_address, link.sequence)) {
             link.inFlight = true;
+            link.recent[link.sequence % kRecent] = Sent{link.sequence, now, true};
         } else {
             // Not even sent (no route, no socket): as good as lost.
             const LinkHealth::Change change = link.health.lost();

@@ -69,13 +69,23 @@ class LinkMonitor {
     void turn();
 
   private:
+    // A probe sent lately: its answer may still come after it was counted
+    // as lost, and then shows that the link is alive after all.
+    struct Sent {
+        uint16_t sequence = 0;
+        int64_t sentMs = 0;
+        bool open = false;
+    };
+    static constexpr size_t kRecent = 8;
+
     struct Link {
         MonitoredLink config;
         LinkHealth health;
-        bool inFlight = false;
+        bool inFlight = false;  // the last probe, not yet answered nor lost
         uint16_t sequence = 0;
         int64_t sentMs = 0;
         int64_t nextSendMs = 0;
+        Sent recent[kRecent];
     };
 
     // Under m_mutex; true when some link changed state.

@@ -268,13 +268,16 @@ TEST_F(Manager, ADeadLinkLosesItsShareAndTheDnsAtOnceAndGetsThemBack) {
     EXPECT_TRUE(waitFor([&] { return log.contains("link rmnet_data0 down: 2 probes lost in a row"); }));
     // No evaluation by the main loop was needed.
     EXPECT_TRUE(waitFor([&] { return !commandsWith("1.000000 -j kwop_fw_wlan0").empty(); }));
-    EXPECT_TRUE(waitFor([&] { return strcmp(m->dnsInterface()->name, "wlan0") == 0; }));
+    // The DNS choice, as the rules show it (the choice itself is being written).
+    const std::string dnsTo = kIpt + "mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_";
+    EXPECT_TRUE(waitFor([&] { return !commandsWith(dnsTo + "wlan0").empty(); }));
 
+    pipe.clear();
     prober.setRtt(0, 1);
     std::thread mainLoop([&] {
         while (!stop) m->adjustParameters();
     });
-    EXPECT_TRUE(waitFor([&] { return strcmp(m->dnsInterface()->name, "rmnet_data0") == 0; }));
+    EXPECT_TRUE(waitFor([&] { return !commandsWith(dnsTo + "rmnet_data0").empty(); }));
     EXPECT_TRUE(log.contains("link rmnet_data0 up: round-trip time 1 ms"));
     stop = true;
     binder.join();
