@@ -110,6 +110,7 @@ check "the not-enrolled UID's connection stays open" \
 
 # --- a black-holed WWAN loses its share and gets it back ----------------------
 # 24 s of traffic: the WWAN dies after 8 s and comes back after 16.
+grep '"shape"' "$TB_TIMELINE" >"$TB_WORK/link-dies.jsonl"  # the shaped rates hold on
 TB_TIMELINE=$TB_WORK/link-dies.jsonl
 tb_monitor_up >/dev/null
 tb_traffic app "$TB_UID_APP" 24 --workers 16 --conn-time 0.3
