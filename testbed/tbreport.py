@@ -438,16 +438,15 @@ def format_summary(summary):
         lines.append("")
     f = summary.get("failover")
     if f:
-        lines.append("%s black-holed: down detected after %s s, share 0 after %s s" % (
-            f["dead_link"], _fmt(f["down_detected_s"], ".2f", "never"),
-            _fmt(f["failover_s"], ".2f", "never")))
+        after = lambda x: "never" if x is None else "after %.2f s" % x  # noqa: E731
+        lines.append("%s black-holed: down detected %s, share 0 %s" % (
+            f["dead_link"], after(f["down_detected_s"]), after(f["failover_s"])))
         lines.append("  then (%s s, %s new connections): %s of them into the dead link; "
                      "goodput %s kbit/s against the WLAN's %s shaped" % (
                          _fmt(f["dead_seconds"], ".0f"), _fmt(f["connections_while_dead"], "d"),
                          _fmt(f["dead_share"], ".3f"), _fmt(f["goodput_while_dead_kbps"], ".0f"),
                          _fmt(f["live_shaped_kbps"], "d")))
-        lines.append("  restored: carries new connections again after %s s"
-                     % _fmt(f["carries_again_s"], ".1f", "never"))
+        lines.append("  restored: carries new connections again %s" % after(f["carries_again_s"]))
         lines.append("")
     traffic = summary.get("traffic") or {}
     if traffic:
