@@ -244,7 +244,7 @@ TEST_F(Manager, CleanupOfAnUnconfiguredManagerSkipsTheStatistics) {
 // thread sanitizer build runs this too).
 TEST_F(Manager, ADeadLinkLosesItsShareAndTheDnsAtOnceAndGetsThemBack) {
     vekd::test::FakeProber prober(clock);
-    prober.sleepInWaits();
+    prober.sleepInWaits = true;
     prober.setRtt(0, 1);  // rmnet_data0 (links in name order)
     prober.setRtt(1, 1);  // wlan0
     Parameters* params = Parameters::instance();

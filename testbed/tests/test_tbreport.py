@@ -249,35 +249,6 @@ class Analysis(unittest.TestCase):
         self.assertIn("idle", tb.format_summary(s))
 
 
-    def test_failover_figures_and_their_check(self):
-        def counters(t, total, dead):
-            return {"kind": "counters", "t": t, "acct": {"uid7:all": total},
-                    "mark": {"rmnet_data0": dead}}
-        reader = tb.LogReader(YEAR)
-        down = reader.feed(log("16:00:11.200", "I", "LinkMonitor",
-                               "link rmnet_data0 down: 4 probes lost in a row"))
-        t0 = down[0]["t"] - 1.2  # the death
-        events = [
-            {"kind": "shape", "link": "wlan0", "kbps": 1000, "t": t0 - 50},
-            {"kind": "mark", "name": "die", "t": t0},
-            down[0],
-            {"kind": "ratio", "iface": "rmnet_data0", "lre": 0, "ratio": 0.0, "t": t0 + 1.3},
-            counters(t0 + 2.5, 100, 40), {"kind": "progress", "name": "app", "t": t0 + 2.5,
-                                          "bytes": 0},
-            counters(t0 + 9.5, 150, 41), {"kind": "progress", "name": "app", "t": t0 + 9.5,
-                                          "bytes": 7 * 128 * 500},
-            {"kind": "mark", "name": "restore", "t": t0 + 10},
-            counters(t0 + 11, 160, 41), counters(t0 + 12, 170, 45),
-        ]
-        f = tb.summarize_failover(events, "7")
-        self.assertEqual((f["down_detected_s"], f["failover_s"], f["dead_share"],
-                          f["goodput_while_dead_kbps"], f["live_shaped_kbps"],
-                          f["carries_again_s"]), (1.2, 1.3, 0.02, 500, 1000, 2.0))
-        self.assertEqual(tb.check_failover({"failover": f}, 3, 0.05, 10), [])
-        self.assertEqual(len(tb.check_failover({"failover": f}, 1, 0.01, 1)), 3)
-        self.assertIsNone(tb.summarize_failover(events[:3], "7"))
-
-
 class Presentation(unittest.TestCase):
     def test_summary_table(self):
         traffic = {"app": {"uid": 10123, "connections": 210, "goodput_kbps": 2019.4},
