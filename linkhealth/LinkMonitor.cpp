@@ -83,8 +83,13 @@ void LinkMonitor::turn() {
     bool changed = false;
     if (!resolveServer(now)) {
         // Nothing to probe yet: sleep until the next attempt.
+        int64_t next;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            next = m_nextResolveMs;
+        }
         std::vector<ProbeAnswer> none;
-        prober().wait(static_cast<int>(std::max<int64_t>(0, m_nextResolveMs - now)), &none);
+        prober().wait(static_cast<int>(std::clamp<int64_t>(next - now, 0, INT32_MAX)), &none);
         return;
     }
     int waitMs;

@@ -73,7 +73,8 @@ NuvManager* NuvManager::instance() {
     return s_instance;
 }
 
-NuvManager::~NuvManager() = default;
+// Its thread calls back into the manager: it ends before anything else goes.
+NuvManager::~NuvManager() { m_linkMonitor->stop(); }
 
 void NuvManager::resetForTesting() {
     delete s_instance;
