@@ -2,14 +2,17 @@
 
 #include <android/log.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <sstream>
 
 #include "config/Parameters.h"
 #include "daemon/DebugFlag.h"
+#include "linkhealth/LinkMonitor.h"
 #include "platform/ChangeWaiter.h"
 #include "rules/IptablesManager.h"
 #include "stats/VekStatsImpl.h"
@@ -70,12 +73,16 @@ NuvManager* NuvManager::instance() {
     return s_instance;
 }
 
+// Its thread calls back into the manager: it ends before anything else goes.
+NuvManager::~NuvManager() { m_linkMonitor->stop(); }
+
 void NuvManager::resetForTesting() {
     delete s_instance;
     s_instance = nullptr;
 }
 
-NuvManager::NuvManager() {
+NuvManager::NuvManager()
+    : m_linkMonitor(std::make_unique<vekd::linkhealth::LinkMonitor>([this] { onLinkHealthChange(); })) {
     m_iptables = IptablesManager::instance();
     if (m_params == nullptr) m_params = Parameters::instance();
     __android_log_print(ANDROID_LOG_INFO, kTag,
@@ -135,6 +142,7 @@ void NuvManager::configInterfaceRelatedParams() {
         m_params->m_runState.store(kRunStateConfigured);
         // The main loop sleeps until something changes: this is a change.
         vekd::Seam<vekd::platform::ChangeWaiter>::get().wake();
+        startLinkMonitor();
     }
 }
 
@@ -145,6 +153,9 @@ int NuvManager::adjustParameters() {
 }
 
 void NuvManager::cleanup() {
+    // Its thread takes the lifetime lock, so it is stopped outside it; once
+    // more afterwards, in case a configuration started it meanwhile.
+    m_linkMonitor->stop();
     std::unique_lock<std::shared_mutex> life(s_lifeMutex);
     if (m_cleanedUp) return;
     if (m_stats != nullptr) m_stats->enableVEK(false);
@@ -153,6 +164,8 @@ void NuvManager::cleanup() {
     m_stats = nullptr;
     m_iptables = nullptr;
     m_cleanedUp = true;
+    life.unlock();
+    m_linkMonitor->stop();
 }
 
 void NuvManager::changeUid(int uid, int mode,
@@ -193,6 +206,7 @@ void NuvManager::removeRuleForUid(int uid, int mode) {
 }
 
 void NuvManager::notifyWlanHasInternet(bool hasInternet) {
+    m_wlanHasInternet.store(hasInternet ? 1 : 0);
     std::shared_lock<std::shared_mutex> life(s_lifeMutex);
     if (m_cleanedUp) return;
 
@@ -210,22 +224,11 @@ void NuvManager::notifyWlanHasInternet(bool hasInternet) {
         }
         if (m_params != nullptr && m_stats != nullptr) {
             StatsLock stats(m_stats);
-            for (const auto& entry : m_stats->m_linkStatsMap) {
-                if (entry.second == nullptr) continue;
-                auto found = m_params->m_interfaceMap.find(entry.second->interfaceName);
-                if (found == m_params->m_interfaceMap.end() || found->second == nullptr) continue;
-                InterfaceInfo_t* info = found->second;
-                // 0x5A marks the WLAN; of the other links 0x5B is preferred,
-                // and the last 0x5C wins when there is no 0x5B.
-                const bool isWlan = strcmp(info->fwmark, "0x5A") == 0;
-                const bool isPreferredOther = strcmp(info->fwmark, "0x5B") == 0;
-                const bool isOther = strcmp(info->fwmark, "0x5C") == 0;
-                if (hasInternet ? isWlan : (isPreferredOther || isOther)) {
-                    m_dnsChoice = *info;
-                    m_dnsIface = &m_dnsChoice;
-                    m_dnsServer = m_dnsChoice.dnsServer;
-                    if (hasInternet || isPreferredOther) break;
-                }
+            if (InterfaceInfo_t* info = chooseDnsInterface(hasInternet)) {
+                // A copy: the store may replace or free the record later.
+                m_dnsChoice = *info;
+                m_dnsIface = &m_dnsChoice;
+                m_dnsServer = m_dnsChoice.dnsServer;
             }
         }
         if (m_dnsIface != nullptr) {
@@ -238,6 +241,69 @@ void NuvManager::notifyWlanHasInternet(bool hasInternet) {
     // Until an interface has been chosen there is nothing to point DNS at.
     if (!chosen) return;
     m_iptables->update_NUV_iptables_for_DNS(chosenName, oldServer, newServer);
+}
+
+InterfaceInfo_t* NuvManager::chooseDnsInterface(bool hasInternet) const {
+    const std::set<std::string> down = m_linkMonitor->downLinks();
+    // The walk for one preference; `skippedDown` tells that a link it would
+    // have taken is down.
+    auto walk = [&](bool wlan, bool* skippedDown) -> InterfaceInfo_t* {
+        InterfaceInfo_t* choice = nullptr;
+        for (const auto& entry : m_stats->m_linkStatsMap) {
+            if (entry.second == nullptr) continue;
+            auto found = m_params->m_interfaceMap.find(entry.second->interfaceName);
+            if (found == m_params->m_interfaceMap.end() || found->second == nullptr) continue;
+            InterfaceInfo_t* info = found->second;
+            // 0x5A marks the WLAN; of the other links 0x5B is preferred,
+            // and the last 0x5C wins when there is no 0x5B.
+            const bool isWlan = strcmp(info->fwmark, "0x5A") == 0;
+            const bool isPreferredOther = strcmp(info->fwmark, "0x5B") == 0;
+            const bool isOther = strcmp(info->fwmark, "0x5C") == 0;
+            if (!(wlan ? isWlan : (isPreferredOther || isOther))) continue;
+            if (down.count(info->name) != 0) {
+                *skippedDown = true;
+                continue;
+            }
+            choice = info;
+            if (wlan || isPreferredOther) break;
+        }
+        return choice;
+    };
+    bool skippedDown = false;
+    InterfaceInfo_t* choice = walk(hasInternet, &skippedDown);
+    // The preferred kind of link is down: a live link of the other kind.
+    if (choice == nullptr && skippedDown) choice = walk(!hasInternet, &skippedDown);
+    return choice;
+}
+
+void NuvManager::startLinkMonitor() {
+    const auto settings = vekd::linkhealth::MonitorSettings::from(*m_params);
+    std::vector<vekd::linkhealth::MonitoredLink> links;
+    for (const auto& entry : m_params->m_interfaceMap) {
+        if (entry.second == nullptr) continue;
+        links.push_back({entry.first, static_cast<uint32_t>(strtoul(entry.second->fwmark, nullptr, 0))});
+    }
+    if (settings.enabled()) m_stats->setDownLinks({});
+    m_linkMonitor->start(settings, links);
+}
+
+void NuvManager::onLinkHealthChange() {
+    const int hasInternet = m_wlanHasInternet.load();
+    bool dnsMoves = false;
+    {
+        std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+        if (m_cleanedUp || m_stats == nullptr) return;
+        m_stats->setDownLinks(m_linkMonitor->downLinks());
+        m_stats->evalAndSetVEKInterfaceRatio();
+        if (hasInternet >= 0 && m_params != nullptr) {
+            RuleLock rules;
+            StatsLock stats(m_stats);
+            const InterfaceInfo_t* choice = chooseDnsInterface(hasInternet != 0);
+            dnsMoves = choice != nullptr &&
+                       (m_dnsIface == nullptr || strcmp(choice->name, m_dnsIface->name) != 0);
+        }
+    }
+    if (dnsMoves) notifyWlanHasInternet(hasInternet != 0);
 }
 
 std::map<std::string, NuvMode> NuvManager::uidModes() {

@@ -4,8 +4,10 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "config/InterfaceInfo.h"
@@ -14,6 +16,9 @@
 class IptablesManager;
 class Parameters;
 class VekStatsImpl;
+namespace vekd::linkhealth {
+class LinkMonitor;
+}
 
 class NuvManager {
   public:
@@ -35,6 +40,10 @@ class NuvManager {
     // For tests: the recorded mode of every UID, and the DNS selection.
     std::map<std::string, NuvMode> uidModes();
     const InterfaceInfo_t* dnsInterface() const { return m_dnsIface; }
+    // The link monitor (off unless "ping_period_ms" is above 0); its
+    // accessors are thread-safe.
+    const vekd::linkhealth::LinkMonitor& linkMonitor() const { return *m_linkMonitor; }
+    ~NuvManager();
 
   private:
     NuvManager();
@@ -45,6 +54,13 @@ class NuvManager {
     void changeUid(int uid, int mode,
                    const std::function<void(const std::string&, const NuvMode*)>& change);
     NuvManager& operator=(const NuvManager&) = delete;
+    // The interface whose DNS server the choice names (null: keep the
+    // current one); under the rule and statistics locks.
+    InterfaceInfo_t* chooseDnsInterface(bool hasInternet) const;
+    // Link health: started with the statistics, and what a link going down
+    // or coming back changes (an evaluation turn at once, the DNS choice).
+    void startLinkMonitor();
+    void onLinkHealthChange();
 
     IptablesManager* m_iptables = nullptr;
     VekStatsImpl* m_stats = nullptr;
@@ -56,4 +72,6 @@ class NuvManager {
     const char* m_dnsServer = nullptr;
     InterfaceInfo_t m_dnsChoice{};
     bool m_cleanedUp = false;
+    std::unique_ptr<vekd::linkhealth::LinkMonitor> m_linkMonitor;
+    std::atomic<int> m_wlanHasInternet{-1};  // the last notification; -1: none yet
 };

@@ -4,6 +4,8 @@
 #include <sys/time.h>
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include "platform/Seam.h"
 
 namespace vekd::platform {
@@ -14,6 +16,13 @@ class Clock {
     virtual int getTimeOfDay(struct timeval* tv) = 0;
     virtual void sleepMicros(useconds_t micros) = 0;
     virtual void sleepSeconds(unsigned seconds) = 0;
+    // Milliseconds that never step back (only differences mean anything).
+    // Fakes that only give the time of day get it from there.
+    virtual int64_t monotonicMs() {
+        struct timeval tv {};
+        getTimeOfDay(&tv);
+        return static_cast<int64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
+    }
     static Clock& real();
 };
 

@@ -25,6 +25,26 @@ const InterfaceInfo_t* configuredInterface(Parameters* params, const std::string
 
 }  // namespace
 
+void VekStatsImpl::setDownLinks(std::set<std::string> down) {
+    pthread_mutex_lock(&m_mutex);
+    m_downLinks = std::move(down);
+    pthread_mutex_unlock(&m_mutex);
+}
+
+std::set<std::string> VekStatsImpl::downAmongConfigured(Parameters* params) const {
+    if (m_downLinks.empty()) return {};
+    std::set<std::string> down;
+    size_t configured = 0;
+    for (const auto& entry : m_linkStatsMap) {
+        if (entry.second == nullptr || configuredInterface(params, entry.first) == nullptr) continue;
+        ++configured;
+        if (m_downLinks.count(entry.first) != 0) down.insert(entry.first);
+    }
+    // With every link dead there is nothing better to steer to.
+    if (down.size() == configured) down.clear();
+    return down;
+}
+
 int VekStatsImpl::evalAndSetVEKInterfaceRatio() {
     Parameters* params = Parameters::instance();
     IptablesManager* rules = IptablesManager::instance();
@@ -37,11 +57,19 @@ int VekStatsImpl::evalAndSetVEKInterfaceRatio() {
     uint32_t totalMetered = 0;
     uint32_t totalUnmetered = 0;
     uint32_t maxUnmetered = 0;
+    const std::set<std::string> down = downAmongConfigured(params);
 
     for (auto& entry : m_linkStatsMap) {
         linkStatsWrapper_t* record = entry.second;
         const InterfaceInfo_t* info = configuredInterface(params, entry.first);
         if (info == nullptr || record == nullptr || record->statsData == nullptr) continue;
+        if (down.count(entry.first) != 0) {
+            // A dead link has no estimate, and once back it starts afresh.
+            record->lre = 0;
+            record->pktCnt = 0;
+            record->history = linkHistory_t();
+            continue;
+        }
 
         unsigned int estimate =
             record->statsData->linkRateEstimate(&record->pktCnt, record->interfaceName);
@@ -94,15 +122,18 @@ bool VekStatsImpl::calcVekRatios(VEK_ratio_calc_process mode, float totalMetered
         linkStatsWrapper_t* record;
         bool metered;
         float oldRatio;
+        bool down;
     };
+    const std::set<std::string> down = downAmongConfigured(params);
     std::vector<Entry> entries;
     entries.reserve(m_linkStatsMap.size());
     int unmeteredCount = 0;
     for (auto& item : m_linkStatsMap) {
         const InterfaceInfo_t* info = configuredInterface(params, item.first);
         if (info == nullptr || item.second == nullptr) continue;
-        entries.push_back({item.second, info->metered, item.second->interfaceRatio});
-        if (!info->metered) ++unmeteredCount;
+        const bool isDown = down.count(item.first) != 0;
+        entries.push_back({item.second, info->metered, item.second->interfaceRatio, isDown});
+        if (!info->metered && !isDown) ++unmeteredCount;
     }
     if (gDebugLogEnabled) {
         __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s noOfUnMetredInterfaces: %d ", kCalc,
@@ -131,6 +162,11 @@ bool VekStatsImpl::calcVekRatios(VEK_ratio_calc_process mode, float totalMetered
         linkStatsWrapper_t* record = e.record;
         const float lre = static_cast<float>(record->lre);
         float r = 0.0f;
+        if (e.down) {
+            // Neither a share nor a part of the hand-out below.
+            record->interfaceRatio = 0.0f;
+            continue;
+        }
         switch (mode) {
             case RATIO_CALC_WITH_METERED:
                 if (!e.metered) {
@@ -188,10 +224,20 @@ bool VekStatsImpl::calcVekRatios(VEK_ratio_calc_process mode, float totalMetered
     // What is left goes in equal parts to the links without an estimate.
     const bool handOut = remaining > 0.0f && zeroRatioCnt != 0;
     const float share = handOut ? remaining / static_cast<float>(zeroRatioCnt) : 0.0f;
+    // With a link down, what the live links get is scaled to add up to 1:
+    // an unassigned rest would go unmarked, along the main table's default
+    // route, which may well be the dead link.
+    float liveSum = 0.0f;
+    int liveCount = 0;
+    for (const Entry& e : entries) {
+        if (down.empty() || e.down) continue;
+        liveSum += handOut && e.record->lre == 0 ? share : e.record->interfaceRatio;
+        ++liveCount;
+    }
     float totalRatioChange = 0.0f;
     for (Entry& e : entries) {
         linkStatsWrapper_t* record = e.record;
-        if (handOut && record->lre == 0) {
+        if (handOut && record->lre == 0 && !e.down) {
             record->interfaceRatio = share;
             if (gDebugLogEnabled) {
                 __android_log_print(ANDROID_LOG_DEBUG, kTag,
@@ -199,6 +245,10 @@ bool VekStatsImpl::calcVekRatios(VEK_ratio_calc_process mode, float totalMetered
                                     static_cast<double>(totalRatioChange), record->interfaceName,
                                     static_cast<double>(share));
             }
+        }
+        if (liveCount != 0 && !e.down) {
+            record->interfaceRatio = liveSum > 0.0f ? record->interfaceRatio / liveSum
+                                                    : 1.0f / static_cast<float>(liveCount);
         }
         if (e.oldRatio != record->interfaceRatio) {
             // Every change reaches the log, verbose or not.

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <map>
+#include <set>
 #include <string>
 
 #include "stats/LinkStatsWrapper.h"
@@ -52,6 +53,10 @@ class VekStatsImpl {
     bool calcVekRatios(VEK_ratio_calc_process mode, float totalMeteredLRE, float totalUnmeteredLRE,
                        float maxUnmeteredLRE);
 
+    // Links known to be dead: no estimate, share 0, and the other links'
+    // shares scaled to add up to 1. Ignored when it names every link.
+    void setDownLinks(std::set<std::string> down);
+
     // Interface name -> record; owns the records. Guarded by m_mutex.
     std::map<std::string, linkStatsWrapper_t*> m_linkStatsMap;
     // Reserved; zero.
@@ -63,6 +68,12 @@ class VekStatsImpl {
     static pthread_mutex_t m_mutex;
 
   private:
+    // Of m_downLinks, those among the configured records; empty when that
+    // would be all of them.
+    std::set<std::string> downAmongConfigured(Parameters* params) const;
+
+    std::set<std::string> m_downLinks;  // guarded by m_mutex
+
     VekStatsImpl() = default;
     ~VekStatsImpl() = default;
     VekStatsImpl(const VekStatsImpl&) = delete;

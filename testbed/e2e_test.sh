@@ -24,7 +24,7 @@ while (($#)); do
 done
 [ -n "$TB_BIN" ] || { echo "usage: $0 --bin DIR [--out DIR] [--duration S]" >&2; exit 2; }
 
-TB_WLAN_KBPS=1000 TB_WWAN_KBPS=2000
+TB_WLAN_KBPS=1000 TB_WWAN_KBPS=2000 TB_LINK_MONITOR=1
 source "$here/lib.sh"
 tb_init
 tb_require
@@ -85,7 +85,7 @@ tb_mark end
 sleep 1.5
 kill "$TB_PID_monitor" 2>/dev/null
 wait "$TB_PID_monitor" 2>/dev/null
-"$TB_PY" "$TB_DIR/tbreport.py" report --timeline "$TB_WORK/timeline.jsonl" --out "$out" \
+"$TB_PY" "$TB_DIR/tbreport.py" report --timeline "$TB_TIMELINE" --out "$out" \
   --links "${TB_LINKS[@]}" --app-result "$TB_WORK/app.out" --other-result "$TB_WORK/other.out" \
   --app-uid "$TB_UID_APP" --other-uid "$TB_UID_OTHER" --scenario e2e-slow-wlan
 check "at least 400 connections spread within 10 points of the computed shares; none of the other UID marked" \
@@ -107,6 +107,28 @@ check "update-uid resets the enrolled UID's open TCP connection" \
   grep -q '"reset": true' "$TB_WORK/hold_app.out"
 check "the not-enrolled UID's connection stays open" \
   grep -q '"error": "TIMEOUT"' "$TB_WORK/hold_other.out"
+
+# --- a black-holed WWAN loses its share and gets it back ----------------------
+# 24 s of traffic: the WWAN dies after 8 s and comes back after 16.
+grep '"shape"' "$TB_TIMELINE" >"$TB_WORK/link-dies.jsonl"  # the shaped rates hold on
+TB_TIMELINE=$TB_WORK/link-dies.jsonl
+tb_monitor_up >/dev/null
+tb_traffic app "$TB_UID_APP" 24 --workers 16 --conn-time 0.3
+sleep 8
+tb_blackhole on
+sleep 8
+tb_blackhole off
+wait "$TB_PID_app"
+sleep 1.5
+kill "$TB_PID_monitor" 2>/dev/null
+wait "$TB_PID_monitor" 2>/dev/null
+mkdir -p "$out/link-dies"
+"$TB_PY" "$TB_DIR/tbreport.py" report --timeline "$TB_TIMELINE" --out "$out/link-dies" \
+  --links "${TB_LINKS[@]}" --app-uid "$TB_UID_APP" --other-uid "$TB_UID_OTHER" \
+  --scenario e2e-link-dies | grep -A3 black-holed
+check "a dead WWAN: share 0 within 3 s, at most 5 % of new connections into it, carrying again within 10 s of its return" \
+  "$TB_PY" "$TB_DIR/tbreport.py" check-failover --summary "$out/link-dies/summary.json" \
+  --max-failover 3 --max-dead-share 0.05 --max-recovery 10
 
 # --- switching the feature off removes the daemon's rules --------------------
 tb_vekctl setprop vendor.vek.enabled 2

@@ -29,6 +29,12 @@ declare -A TB_IFACE_PARAMS=(
   [rmnet_data0]="rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1"
 )
 
+# The link monitor's settings in the testbed: a probe every 250 ms, four
+# lost in a row make a link down.
+TB_LINK_CONF="ping_period_ms = 250
+min_ping_times = 4
+rtt_server = $TB_SERVER_IP"
+
 TB_PIDS=()
 TB_NS_C=""
 TB_NS_S=""
@@ -49,6 +55,7 @@ tb_init() {
   TB_NS_S=vektb-s-$$
   TB_WORK=$(mktemp -d /tmp/vektb-$$-XXXXXX)
   TB_ROOT=$TB_WORK/root
+  TB_TIMELINE=$TB_WORK/timeline.jsonl  # where marks, shaping and the monitor write
   trap tb_cleanup EXIT
   trap 'tb_log "interrupted"; exit 130' INT
   trap 'tb_log "terminated"; exit 143' TERM
@@ -114,7 +121,7 @@ tb_shape() {
   tb_must tb_c tc qdisc $verb dev "$link" root tbf rate ${bits}bit burst $burst latency 400ms
   tb_must tb_s tc qdisc $verb dev "${TB_PEER[$link]}" root tbf rate ${bits}bit burst $burst latency 400ms
   printf '{"kind": "shape", "link": "%s", "kbps": %d, "t": %s}\n' "$link" "$kbps" "$(date +%s.%N)" \
-    >>"$TB_WORK/timeline.jsonl"
+    >>"$TB_TIMELINE"
 }
 
 tb_net_up() {
@@ -194,6 +201,7 @@ EOF
   {
     echo "mini_est_interval = ${TB_INTERVAL_MS:-1000}"
     echo "wifi_threshold = ${TB_WIFI_THRESHOLD:-1600}"
+    [ "${TB_LINK_MONITOR:-0}" = 1 ] && printf '%s\n' "$TB_LINK_CONF"
     [ -n "${TB_CONF_EXTRA:-}" ] && printf '%s\n' "$TB_CONF_EXTRA"
   } >"$TB_ROOT/data/vendor/vek/vekd.conf"
 }
@@ -255,7 +263,7 @@ tb_bring_up() {
 
 # Timeline records of our own: phases of the run and shaping changes.
 tb_mark() {
-  printf '{"kind": "mark", "name": "%s", "t": %s}\n' "$1" "$(date +%s.%N)" >>"$TB_WORK/timeline.jsonl"
+  printf '{"kind": "mark", "name": "%s", "t": %s}\n' "$1" "$(date +%s.%N)" >>"$TB_TIMELINE"
 }
 
 # True once the daemon has written ratio rules.
@@ -276,7 +284,7 @@ tb_wait_ratios() {
 # daemon's estimates, its computed shares and the installed rules.
 tb_monitor_up() {
   tb_c "$TB_PY" "$TB_DIR/tbreport.py" monitor --log "$TB_WORK/vekd.log" \
-    --timeline "$TB_WORK/timeline.jsonl" --app-uid "$TB_UID_APP" --links "${TB_LINKS[@]}" &
+    --timeline "$TB_TIMELINE" --app-uid "$TB_UID_APP" --links "${TB_LINKS[@]}" &
   TB_PIDS+=($!)
   TB_PID_monitor=$!
 }
@@ -284,5 +292,14 @@ tb_monitor_up() {
 tb_traffic() {  # NAME UID SECONDS [more traffic.py options]
   local name=$1 uid=$2 secs=$3; shift 3
   tb_bg "$name" tb_c "$TB_PY" "$TB_DIR/traffic.py" download --server "$TB_SERVER_IP" \
-    --uid "$uid" --duration "$secs" "$@"
+    --uid "$uid" --duration "$secs" --progress "$TB_TIMELINE" --name "$name" "$@"
+}
+
+# tb_blackhole on|off: the WWAN's packets are dropped where they reach the
+# server (its link stays up; only probes and traffic get no answer).
+tb_blackhole() {
+  local verb=-A name=die
+  [ "$1" = off ] && verb=-D name=restore
+  tb_must tb_s iptables -w $verb INPUT -i "${TB_PEER[rmnet_data0]}" -j DROP
+  tb_mark "$name"
 }

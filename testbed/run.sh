@@ -21,7 +21,10 @@ Scenarios:
                  (2000 kbit/s) fills in                          (default)
   --fast-wlan    WLAN 4000 kbit/s: only the WLAN carries the traffic
   --wlan-drop    WLAN 4000 kbit/s dropping to 1000 kbit/s halfway
-  --scenario NAME  the same by name (slow-wlan, fast-wlan, wlan-drop)
+  --link-dies    slow WLAN; the WWAN is black-holed (its packets dropped at
+                 the server) from one third of the run to two thirds
+  --scenario NAME  the same by name (slow-wlan, fast-wlan, wlan-drop,
+                 link-dies)
 
 Options:
   --duration S   seconds of traffic (default 40; 60 for --wlan-drop)
@@ -30,6 +33,8 @@ Options:
   --workers N    parallel downloads per application (default 16)
   --conn-time S  seconds the server sends on one download (default 0.3)
   --https PCT    percentage of downloads over HTTPS, port 443 (default 20)
+  --no-monitor   the daemon does not probe the links (by default it probes
+                 each every 250 ms: "ping_period_ms", "min_ping_times" 4)
   --bin DIR      where vekd, vekstatd and vekctl are (default build/bin)
   --out DIR      where the summary and picture go
                  (default build/testbed/SCENARIO)
@@ -43,11 +48,12 @@ EOF
 
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(dirname "$here")
+TB_LINK_MONITOR=1
 scenario=slow-wlan duration="" wlan="" wwan="" workers=16 conn_time=0.3 https=20
 TB_BIN=$repo/build/bin out=""
 while (($#)); do
   case $1 in
-    --slow-wlan|--fast-wlan|--wlan-drop) scenario=${1#--} ;;
+    --slow-wlan|--fast-wlan|--wlan-drop|--link-dies) scenario=${1#--} ;;
     --scenario) scenario=${2:-}; shift ;;
     --duration) duration=${2:-}; shift ;;
     --wlan) wlan=${2:-}; shift ;;
@@ -58,6 +64,7 @@ while (($#)); do
     --bin) TB_BIN=${2:-}; shift ;;
     --out) out=${2:-}; shift ;;
     --keep) TB_KEEP=1 ;;
+    --no-monitor) TB_LINK_MONITOR=0 ;;
     -h|--help) usage; exit 0 ;;
     *) echo "unknown option: $1 (see --help)" >&2; exit 2 ;;
   esac
@@ -68,6 +75,7 @@ case $scenario in
   slow-wlan) : "${wlan:=1000}" "${wwan:=2000}" "${duration:=40}" ;;
   fast-wlan) : "${wlan:=4000}" "${wwan:=2000}" "${duration:=40}" ;;
   wlan-drop) : "${wlan:=4000}" "${wwan:=2000}" "${duration:=60}"; drop_to=1000 ;;
+  link-dies) : "${wlan:=1000}" "${wwan:=2000}" "${duration:=45}" ;;
   *) echo "unknown scenario: $scenario (see --help)" >&2; exit 2 ;;
 esac
 [[ $https =~ ^([0-9]|[1-9][0-9]|100)$ ]] || { echo "not a percentage: $https" >&2; exit 2; }
@@ -79,14 +87,15 @@ done
 
 TB_WLAN_KBPS=$wlan TB_WWAN_KBPS=$wwan
 TB_BIN=$(cd "$TB_BIN" 2>/dev/null && pwd) || { echo "no such directory: $TB_BIN" >&2; exit 2; }
-: "${out:=$repo/build/testbed/$scenario}"
+: "${out:=$repo/build/testbed/$scenario$( ((TB_LINK_MONITOR)) || echo -no-monitor)}"
 mkdir -p "$out" || exit 1
 out=$(cd "$out" && pwd)
 source "$here/lib.sh"
 
 tb_init
 tb_require
-echo "== scenario $scenario: wlan0 $wlan kbit/s, rmnet_data0 $wwan kbit/s, $duration s of traffic"
+echo "== scenario $scenario: wlan0 $wlan kbit/s, rmnet_data0 $wwan kbit/s, $duration s of traffic," \
+  "link monitor $( ((TB_LINK_MONITOR)) && echo on || echo off)"
 tb_bring_up
 echo "== daemon configured through vekctl; its rules in the handset namespace:"
 {
@@ -112,6 +121,15 @@ if [ "$scenario" = wlan-drop ]; then
   ((left > 0)) && { sleep $left & wait $!; }  # a signal ends the wait at once
   echo "== wlan0 drops to $drop_to kbit/s"
   tb_shape wlan0 "$drop_to" change
+elif [ "$scenario" = link-dies ]; then
+  # Thirds of the whole run, counted from the start of the traffic.
+  left=$((duration / 3 - (SECONDS - t_start)))
+  ((left > 0)) && { sleep $left & wait $!; }
+  echo "== rmnet_data0 black-holed"
+  tb_blackhole on
+  sleep $((duration / 3)) & wait $!
+  echo "== rmnet_data0 restored"
+  tb_blackhole off
 fi
 wait "$TB_PID_app" "$TB_PID_other"
 tb_mark end
@@ -120,9 +138,9 @@ kill "$TB_PID_monitor" 2>/dev/null
 wait "$TB_PID_monitor" 2>/dev/null
 
 echo
-"$TB_PY" "$here/tbreport.py" report --timeline "$TB_WORK/timeline.jsonl" --out "$out" \
+"$TB_PY" "$here/tbreport.py" report --timeline "$TB_TIMELINE" --out "$out" \
   --links "${TB_LINKS[@]}" --app-result "$TB_WORK/app.out" --other-result "$TB_WORK/other.out" \
-  --app-uid "$TB_UID_APP" --other-uid "$TB_UID_OTHER" --scenario "$scenario" || exit 1
+  --app-uid "$TB_UID_APP" --other-uid "$TB_UID_OTHER" --scenario "$scenario$( ((TB_LINK_MONITOR)) || echo ', monitor off')" || exit 1
 cp "$TB_WORK/vekd.log" "$TB_WORK/timeline.jsonl" "$out/" 2>/dev/null
 echo
 echo "written: $out/summary.txt, $out/picture.svg (daemon log: $out/vekd.log)"

@@ -7,6 +7,7 @@ table and an SVG picture.
   counters reads `iptables -L -v -x -n` listings from stdin, prints JSON
   report   summary table (text and JSON) and picture from a timeline
   check    asserts the end-to-end expectations on a summary
+  check-rates, check-failover  the same for the estimates and a link's death
 
 Rates are kbit/s with 1 kbit = 1024 bit, the unit of the daemon's estimates.
 """
@@ -28,6 +29,7 @@ TURN_LINE = re.compile(
     r"^ VEK_RATIO : iface=(\S+), LRE= (-?\d+), PktCnt= (-?\d+), Max= (-?\d+), metered =(\d+)")
 RATIO_LINE = re.compile(r"^VEK_RATIO (\S+), (\d+), (-?[0-9.]+(?:e[-+]?\d+)?|-?nan|-?inf)$")
 TURN_END = re.compile(r"^ CALC2 -- ")
+LINK_STATE = re.compile(r"^link (\S+) (down|up): ")
 PROBABILITY = re.compile(r"--probability (\S+).*-j (\S+)")
 COMMENT = re.compile(r"/\* (\S+) \*/")
 
@@ -98,6 +100,9 @@ class LogReader:
                      "ratio": ratio}]
         if TURN_END.match(msg):
             return self._flush()
+        m = LINK_STATE.match(msg)
+        if m:
+            return [{"kind": "link" + m.group(2), "t": t, "iface": m.group(1)}]
         return []
 
     def close(self):
@@ -320,6 +325,60 @@ def _round(x, nd=3):
     return None if x is None else round(x, nd)
 
 
+def _mark(events, name):
+    return next((e["t"] for e in events if e["kind"] == "mark" and e["name"] == name), None)
+
+
+def summarize_failover(events, app_uid, dead="rmnet_data0", live="wlan0"):
+    """What a link's death did, between the "die" and "restore" marks: the
+    time until the daemon computed share 0 for it (its rule is written in the
+    same turn), the share of the enrolled UID's new connections that still
+    went to it from 1 s after that (after the death when it never happened),
+    the UID's goodput meanwhile against the live link's shaped rate, and the
+    time from the restoration until the link's mark counter moves again."""
+    die, restore = _mark(events, "die"), _mark(events, "restore")
+    if die is None or restore is None:
+        return None
+    zero = next((e["t"] for e in events if e["kind"] == "ratio" and e["iface"] == dead
+                 and die <= e["t"] <= restore and e["ratio"] == 0.0), None)
+    down = next((e["t"] for e in events if e["kind"] == "linkdown" and e["iface"] == dead
+                 and e["t"] >= die), None)
+    w0, w1 = (zero if zero is not None else die) + 1.0, restore
+    counters = [e for e in events if e["kind"] == "counters"]
+    c0 = first_at_or_after(counters, "counters", w0)
+    c1 = last_before(counters, "counters", w1)
+    dead_share = conns = None
+    if c0 and c1 and c1["t"] > c0["t"]:
+        key = "uid%s:all" % app_uid
+        conns = c1["acct"].get(key, 0) - c0["acct"].get(key, 0)
+        into = c1["mark"].get(dead, 0) - c0["mark"].get(dead, 0)
+        dead_share = into / conns if conns else None
+    progress = [e for e in events if e["kind"] == "progress" and e.get("name") == "app"]
+    p0 = first_at_or_after(progress, "progress", w0)
+    p1 = last_before(progress, "progress", w1)
+    goodput = None
+    if p0 and p1 and p1["t"] > p0["t"]:
+        goodput = (p1["bytes"] - p0["bytes"]) * 8 / 1024 / (p1["t"] - p0["t"])
+    shaped = None
+    for e in events:
+        if e["kind"] == "shape" and e["link"] == live and e["t"] <= w0:
+            shaped = e["kbps"]
+    before = last_before(counters, "counters", restore)
+    again = next((e["t"] for e in counters if before and e["t"] > restore
+                  and e["mark"].get(dead, 0) > before["mark"].get(dead, 0)), None)
+    return {
+        "dead_link": dead,
+        "down_detected_s": _round(down - die if down is not None else None, 2),
+        "failover_s": _round(zero - die if zero is not None else None, 2),
+        "dead_seconds": _round(w1 - w0, 1),
+        "connections_while_dead": conns,
+        "dead_share": _round(dead_share),
+        "goodput_while_dead_kbps": _round(goodput, 0),
+        "live_shaped_kbps": shaped,
+        "carries_again_s": _round(again - restore if again is not None else None, 1),
+    }
+
+
 def summarize(events, links, traffic, app_uid, other_uid, settle=3.0, scenario=""):
     segs = segments(events)
     for s in segs:
@@ -328,6 +387,7 @@ def summarize(events, links, traffic, app_uid, other_uid, settle=3.0, scenario="
         "scenario": scenario,
         "links": links,
         "segments": [summarize_segment(events, s, links, settle) for s in segs],
+        "failover": summarize_failover(events, app_uid),
         "traffic": traffic,
         "app_uid": app_uid,
         "other_uid": other_uid,
@@ -375,6 +435,18 @@ def format_summary(summary):
         lines.append("new connections of UID %s: %d; of UID %s: %d, of which marked: %d" % (
             summary["app_uid"], total, summary["other_uid"], seg["other_connections"],
             seg["other_marked"]))
+        lines.append("")
+    f = summary.get("failover")
+    if f:
+        after = lambda x: "never" if x is None else "after %.2f s" % x  # noqa: E731
+        lines.append("%s black-holed: down detected %s, share 0 %s" % (
+            f["dead_link"], after(f["down_detected_s"]), after(f["failover_s"])))
+        lines.append("  then (%s s, %s new connections): %s of them into the dead link; "
+                     "goodput %s kbit/s against the WLAN's %s shaped" % (
+                         _fmt(f["dead_seconds"], ".0f"), _fmt(f["connections_while_dead"], "d"),
+                         _fmt(f["dead_share"], ".3f"), _fmt(f["goodput_while_dead_kbps"], ".0f"),
+                         _fmt(f["live_shaped_kbps"], "d")))
+        lines.append("  restored: carries new connections again %s" % after(f["carries_again_s"]))
         lines.append("")
     traffic = summary.get("traffic") or {}
     if traffic:
@@ -466,6 +538,13 @@ def render_svg(events, links, title=""):
             out.append('<line x1="%.1f" x2="%.1f" y1="%d" y2="%d" stroke="#bbb" '
                        'stroke-dasharray="2,3"/>' % (x(e["t"]), x(e["t"]), panels[0][0],
                                                       panels[1][1]))
+        if e["kind"] == "mark" and e["name"] in ("die", "restore") and e["t"] >= start:
+            label = "WWAN dies" if e["name"] == "die" else "WWAN restored"
+            out.append('<line x1="%.1f" x2="%.1f" y1="%d" y2="%d" stroke="black" '
+                       'stroke-width="1.5"/>' % (x(e["t"]), x(e["t"]), panels[0][0],
+                                                 panels[1][1]))
+            out.append('<text x="%.1f" y="%d" text-anchor="middle">%s</text>'
+                       % (x(e["t"]), panels[0][0] - 6, label))
 
     for i, link in enumerate(links):
         color = COLORS[i % len(COLORS)]
@@ -705,10 +784,31 @@ def check_rates(summary, tolerance_pct, segment=-1):
     return fails
 
 
+def check_failover(summary, max_failover, max_dead_share, max_recovery):
+    """Failures of the failover expectations; empty when all hold."""
+    f = summary.get("failover")
+    if not f:
+        return ["no black-holing in this run"]
+    fails = []
+    if f["failover_s"] is None or f["failover_s"] >= max_failover:
+        fails.append("share 0 for %s after %s s (limit %g s)"
+                     % (f["dead_link"], f["failover_s"], max_failover))
+    if f["dead_share"] is None or f["dead_share"] > max_dead_share:
+        fails.append("%s of the new connections went into the dead link (limit %g)"
+                     % (f["dead_share"], max_dead_share))
+    if f["carries_again_s"] is None or f["carries_again_s"] > max_recovery:
+        fails.append("the restored link carried connections again after %s s (limit %g s)"
+                     % (f["carries_again_s"], max_recovery))
+    return fails
+
+
 def cmd_check(args):
     with open(args.summary) as f:
         summary = json.load(f)
-    if args.cmd == "check-rates":
+    if args.cmd == "check-failover":
+        fails = check_failover(summary, args.max_failover, args.max_dead_share,
+                               args.max_recovery)
+    elif args.cmd == "check-rates":
         fails = check_rates(summary, args.tolerance)
     else:
         fails = check_summary(summary, args.tolerance, args.min_conns)
@@ -745,9 +845,15 @@ def main(argv):
     c = sub.add_parser("check-rates", help="assert the estimates on summary.json")
     c.add_argument("--summary", required=True)
     c.add_argument("--tolerance", type=float, default=20.0, help="percent of the shaped rate")
+    c = sub.add_parser("check-failover", help="assert the failover figures on summary.json")
+    c.add_argument("--summary", required=True)
+    c.add_argument("--max-failover", type=float, default=3.0, help="seconds")
+    c.add_argument("--max-dead-share", type=float, default=0.05)
+    c.add_argument("--max-recovery", type=float, default=10.0, help="seconds")
     args = p.parse_args(argv)
     return {"monitor": cmd_monitor, "counters": cmd_counters, "report": cmd_report,
-            "check": cmd_check, "check-rates": cmd_check}[args.cmd](args)
+            "check": cmd_check, "check-rates": cmd_check,
+            "check-failover": cmd_check}[args.cmd](args)
 
 
 if __name__ == "__main__":

@@ -71,7 +71,6 @@ def one_download(args, totals, stop_at, tls):
         return
     totals.add(connected=1, secure=1 if secure else 0)
     began = time.monotonic()
-    got = 0
     try:
         s.sendall(("GET /%s?for=%g HTTP/1.0\r\nHost: %s\r\n\r\n"
                    % (args.path, args.conn_time, args.server)).encode())
@@ -87,12 +86,12 @@ def one_download(args, totals, stop_at, tls):
             if not block:
                 totals.add(completed=1)
                 break
-            got += len(block)
+            totals.add(bytes=len(block))  # as it arrives: the progress lines follow it
     except OSError:
         totals.add(failed=1)
     finally:
         s.close()
-        totals.add(bytes=got, conn_seconds=time.monotonic() - began)
+        totals.add(conn_seconds=time.monotonic() - began)
 
 
 def worker(args, totals, stop_at, tls):
@@ -101,6 +100,16 @@ def worker(args, totals, stop_at, tls):
             if args.max_conns and totals.connections >= args.max_conns:
                 return
         one_download(args, totals, stop_at, tls)
+
+
+def report_progress(args, totals):
+    """Appends the bytes received so far to a timeline, once a second."""
+    while True:
+        with totals.lock:
+            got = totals.bytes
+        args.progress.write(json.dumps({"kind": "progress", "name": args.name,
+                                        "t": time.time(), "bytes": got}) + "\n")
+        time.sleep(1.0)
 
 
 def run_download(args):
@@ -117,6 +126,8 @@ def run_download(args):
                for _ in range(args.workers)]
     for t in threads:
         t.start()
+    if args.progress:
+        threading.Thread(target=report_progress, args=(args, totals), daemon=True).start()
     for t in threads:
         t.join(args.duration + args.conn_time + 10)
     seconds = time.monotonic() - start
@@ -168,6 +179,8 @@ def parse_args(argv):
                    help="percentage of downloads over TLS (to --tls-port)")
     p.add_argument("--path", default="big.bin", help="file to download")
     p.add_argument("--uid", type=int, help="UID to run as (needs root)")
+    p.add_argument("--progress", help="timeline to append the bytes received to, each second")
+    p.add_argument("--name", default="app", help="name of the progress lines")
     p.add_argument("--workers", type=int, default=16, help="parallel downloads")
     p.add_argument("--duration", type=float, default=30.0,
                    help="seconds of traffic (hold: seconds to wait for a reset)")
@@ -185,6 +198,8 @@ def parse_args(argv):
 
 def main(argv):
     args = parse_args(argv)
+    # Opened before the privileges go: the timeline belongs to root.
+    args.progress = open(args.progress, "a", buffering=1) if args.progress else None
     drop_privileges(args.uid)
     result = run_download(args) if args.mode == "download" else run_hold(args)
     print(json.dumps(result), flush=True)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Whole-process figures of the daemon: round trips of `vekctl ping` and
 # `vekctl update-uid` (with its rule and socket work), processor use over 10 s
-# idle in run state 1 and in run state 2, and resident memory.
+# idle in run state 1 and in run state 2 (also with the link monitor probing
+# every 250 ms), and resident memory.
 #
 # Runs as root inside a private network namespace of its own, with wrappers
 # that run the real iptables and ip there. Usage: daemon_figures.sh [BUILD_DIR]
@@ -36,10 +37,18 @@ echo "vek_uid_list=10123" > "$root/data/vendor/vek/vekd.conf"
 ip link add wlan0 type veth peer name wlan0p
 ip link add rmnet_data0 type veth peer name rmnet_data0p
 
-VEKD_ROOT=$root "$build/bin/vekd" 2>"$root/vekd.log" &
-daemon=$!
 vekctl() { VEKD_ROOT=$root "$build/bin/vekctl" "$@"; }
-for _ in $(seq 100); do vekctl ping >/dev/null 2>&1 && break; sleep 0.05; done
+start_daemon() {
+  VEKD_ROOT=$root "$build/bin/vekd" 2>>"$root/vekd.log" &
+  daemon=$!
+  for _ in $(seq 100); do vekctl ping >/dev/null 2>&1 && break; sleep 0.05; done
+}
+configure() {
+  vekctl iface 0 wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1
+  vekctl iface 1 rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1
+  vekctl iface-ready
+}
+start_daemon
 
 millis_per_call() {  # N command...
   local n=$1; shift
@@ -62,17 +71,26 @@ ping_ms=$(millis_per_call 50 vekctl ping)
 cpu1=$(cpu_percent_over 10)
 rss1=$(rss_kib)
 
-vekctl iface 0 wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1
-vekctl iface 1 rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1
-vekctl iface-ready
+configure
 update_ms=$(millis_per_call 20 vekctl update-uid 10123 1)
 cpu2=$(cpu_percent_over 10)
 rss2=$(rss_kib)
+
+# Again with the link monitor on, probing a target on the loopback.
+kill "$daemon"; wait "$daemon" 2>/dev/null || true
+printf 'ping_period_ms=250\nrtt_server=127.0.0.1\n' >> "$root/data/vendor/vek/vekd.conf"
+start_daemon
+configure
+sleep 1
+cpu3=$(cpu_percent_over 10)
+probes=$(grep -c "LinkMonitor" "$root/vekd.log" || true)
 
 printf '%-44s %10s\n' "figure" "value"
 printf '%-44s %8s ms\n' "vekctl ping round trip (process included)" "$ping_ms"
 printf '%-44s %8s ms\n' "vekctl update-uid round trip" "$update_ms"
 printf '%-44s %8s %%\n' "processor, 10 s idle in run state 1" "$cpu1"
 printf '%-44s %8s %%\n' "processor, 10 s in run state 2 (5 s period)" "$cpu2"
+printf '%-44s %8s %%\n' "processor, 10 s in run state 2, link monitor" "$cpu3"
+printf '%-44s %8s\n' "link monitor state changes logged" "$probes"
 printf '%-44s %7s KiB\n' "resident memory, run state 1" "$rss1"
 printf '%-44s %7s KiB\n' "resident memory, run state 2" "$rss2"

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
+#include "linkhealth/LinkMonitor.h"
+#include "linkhealth/tests/FakeProber.h"
 #include "stats/StatsFileAccess.h"
 #include "tests/support/InProcessDaemon.h"
 
@@ -227,6 +230,52 @@ TEST_F(Manager, CleanupTakesEverythingDownOnceAndLaterCallsDoNothing) {
     m->configInterfaceRelatedParams();
     EXPECT_EQ(m->adjustParameters(), 0);
     EXPECT_TRUE(pipe.commands().empty());
+}
+
+// The link monitor's thread against binder calls and evaluation turns (the
+// thread sanitizer build runs this too).
+TEST_F(Manager, ADeadLinkLosesItsShareAndTheDnsAtOnceAndGetsThemBack) {
+    vekd::test::FakeProber prober(clock);
+    prober.sleepInWaits = true;
+    prober.setRtt(0, 1);  // rmnet_data0 (links in name order)
+    prober.setRtt(1, 1);  // wlan0
+    Parameters* params = Parameters::instance();
+    params->m_pingPeriodMs = 5;
+    params->m_minPingTimes = 2;
+    NuvManager* m = configured({kWlan, kWwan});
+    m->notifyWlanHasInternet(false);
+    m->adjustParameters();
+    ASSERT_STREQ(m->dnsInterface()->name, "rmnet_data0");
+    auto waitFor = [](const std::function<bool()>& condition) {
+        for (int i = 0; i < 5000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return condition();
+    };
+    std::atomic<bool> stop{false};
+    std::thread binder([&] {
+        while (!stop) m->setRuleForUid(10123, 1), m->notifyWlanHasInternet(false);
+    });
+
+    pipe.clear();
+    prober.setRtt(0, -1);
+    EXPECT_TRUE(waitFor([&] { return log.contains("link rmnet_data0 down: 2 probes lost in a row"); }));
+    // No evaluation by the main loop was needed.
+    EXPECT_TRUE(waitFor([&] { return !commandsWith("1.000000 -j kwop_fw_wlan0").empty(); }));
+    // The DNS choice, as the rules show it (the choice itself is being written).
+    const std::string dnsTo = kIpt + "mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_";
+    EXPECT_TRUE(waitFor([&] { return !commandsWith(dnsTo + "wlan0").empty(); }));
+
+    pipe.clear();
+    prober.setRtt(0, 1);
+    std::thread mainLoop([&] {
+        while (!stop) m->adjustParameters();
+    });
+    EXPECT_TRUE(waitFor([&] { return !commandsWith(dnsTo + "rmnet_data0").empty(); }));
+    EXPECT_TRUE(log.contains("link rmnet_data0 up: round-trip time 1 ms"));
+    stop = true;
+    binder.join();
+    mainLoop.join();
+    m->cleanup();
+    EXPECT_TRUE(m->linkMonitor().snapshot().empty());
 }
 
 }  // namespace

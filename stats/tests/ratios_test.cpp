@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -151,6 +152,31 @@ TEST_F(RatiosTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
     EXPECT_TRUE(log.contains("VEK_RATIO a, 1, 0.250000"));
 }
 
+TEST_F(RatiosTest, DownLinksGetNothingAndTheLiveOnesShareEverything) {
+    struct Case {
+        const char* name;
+        std::set<std::string> down;
+        std::vector<float> expected;  // wlan0, wlan1, wlan2 (metered)
+    };
+    // wlan0 500 and wlan2 300 with estimates, wlan1 without; threshold 1000.
+    const Case cases[] = {
+        {"nothing down: the rest goes to wlan1", {}, {0.5f, 0.25f, 0.25f}},
+        {"wlan0 down: its share is handed to wlan1 alone", {"wlan0"}, {0.0f, 0.75f, 0.25f}},
+        {"wlan1 down: no hand-out, the rest scaled up", {"wlan1"}, {2.0f / 3, 0.0f, 1.0f / 3}},
+        {"every link down changes nothing", {"wlan0", "wlan1", "wlan2"}, {0.5f, 0.25f, 0.25f}},
+    };
+    set(OPER_WIFI_THRESHOLD, 1000);
+    for (const Case& c : cases) {
+        link("wlan0", false, 500)->interfaceRatio = 0;
+        link("wlan1", false, 0)->interfaceRatio = 0;
+        link("wlan2", true, 300)->interfaceRatio = 0;
+        stats()->setDownLinks(c.down);
+        // The metered link's share: (1 - 500/1000) x 300/600.
+        stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 600, 500, 500);
+        EXPECT_THAT(ratios(), testing::Pointwise(testing::FloatEq(), c.expected)) << c.name;
+    }
+}
+
 // Evaluation turns over statistics files mapped from disk.
 class EvalTurnTest : public RatiosTest {
   protected:
@@ -217,6 +243,24 @@ TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(records["wlan0"]->lre, 1000u);
     EXPECT_EQ(records["wlan0"]->pktCnt, 0u);
+}
+
+TEST_F(EvalTurnTest, ADownLinkLosesItsEstimateAndHistoryAndTheOtherTakesAll) {
+    params->m_bestEstCacheSize = 3;
+    publish("wlan0", false, 1024);
+    publish("rmnet0", true, 2048);
+    ASSERT_TRUE(stats()->initMmap());
+    stats()->evalAndSetVEKInterfaceRatio();
+
+    pipe.clear();
+    stats()->setDownLinks({"rmnet0"});
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(ratioRules(),
+              (std::vector<std::string>{kFlush, std::string(kRule) + "1.000000 -j kwop_fw_wlan0",
+                                        std::string(kRule) + "0.000000 -j kwop_fw_rmnet0"}));
+    const linkStatsWrapper_t* rmnet = stats()->m_linkStatsMap["rmnet0"];
+    EXPECT_EQ(rmnet->lre, 0u);
+    EXPECT_TRUE(rmnet->history.rates.empty());
 }
 
 // The link manager maps and unmaps from binder threads while the main loop

@@ -1,0 +1,40 @@
+// The network side of the link monitor: resolving the probe target, one ICMP
+// echo socket per link, and waiting for answers. Tests replace it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/Seam.h"
+
+namespace vekd::linkhealth {
+
+struct ProbeAnswer {
+    size_t link;  // index given to open()
+    uint16_t sequence;
+};
+
+class LinkProber {
+  public:
+    virtual ~LinkProber() = default;
+    // An IPv4 address or a host name to an address in network byte order;
+    // false when it cannot be resolved. May block (name look-up).
+    virtual bool resolve(const std::string& host, uint32_t* address) = 0;
+    // Opens link `link`'s socket, whose probes leave through `iface`: they
+    // carry `mark` as their firewall mark, so the link's routing rule and
+    // masquerading apply. Replaces an earlier socket of that index.
+    virtual bool open(size_t link, const std::string& iface, uint32_t mark) = 0;
+    // One echo request to `address`; false when it could not be sent.
+    virtual bool send(size_t link, uint32_t address, uint16_t sequence) = 0;
+    // Waits up to `timeoutMs` for answers (or interrupt()) and appends those
+    // that arrived.
+    virtual void wait(int timeoutMs, std::vector<ProbeAnswer>* answers) = 0;
+    // Ends a wait() at once; callable from any thread.
+    virtual void interrupt() = 0;
+    virtual void closeAll() = 0;
+    static LinkProber& real();
+};
+
+}  // namespace vekd::linkhealth

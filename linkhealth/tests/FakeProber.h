@@ -1,0 +1,68 @@
+// A prober that answers from a script against the fake clock: a link answers
+// `rttMs` after each probe (never when negative); waiting moves the clock on.
+#pragma once
+
+#include <unistd.h>
+
+#include <map>
+#include <mutex>
+
+#include "linkhealth/LinkProber.h"
+#include "tests/support/Fakes.h"
+
+namespace vekd::test {
+
+class FakeProber : public linkhealth::LinkProber {
+  public:
+    explicit FakeProber(FakeClock& clock) : m_clock(clock), m_scope(*this) {}
+
+    bool resolve(const std::string&, uint32_t* address) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++resolves;
+        *address = 0x0100007f;
+        return resolvable;
+    }
+    bool open(size_t, const std::string&, uint32_t) override { return true; }
+    bool send(size_t link, uint32_t, uint16_t sequence) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++sent[link];
+        if (rttMs.count(link) != 0 && rttMs[link] >= 0) {
+            m_pending.emplace(m_clock.monotonicMs() + rttMs[link], linkhealth::ProbeAnswer{link, sequence});
+        }
+        return true;
+    }
+    // Up to the first pending answer, or the whole timeout.
+    void wait(int timeoutMs, std::vector<linkhealth::ProbeAnswer>* answers) override {
+        if (sleepInWaits) usleep(1000);  // threads: no spinning
+        std::lock_guard<std::mutex> lock(m_mutex);
+        int64_t until = m_clock.monotonicMs() + timeoutMs;
+        if (!m_pending.empty() && m_pending.begin()->first <= until) until = m_pending.begin()->first;
+        m_clock.setNowMs(static_cast<uint64_t>(until));
+        while (!m_pending.empty() && m_pending.begin()->first == until) {
+            answers->push_back(m_pending.begin()->second);
+            m_pending.erase(m_pending.begin());
+        }
+    }
+    void interrupt() override {}
+    void closeAll() override {}
+
+    void setRtt(size_t link, int ms) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        rttMs[link] = ms;
+    }
+
+    // Set before the monitor runs, or under the tests' own ordering.
+    bool resolvable = true;
+    bool sleepInWaits = false;
+    int resolves = 0;
+    std::map<size_t, int> sent;
+
+  private:
+    FakeClock& m_clock;
+    std::mutex m_mutex;
+    std::map<size_t, int> rttMs;  // guarded by m_mutex
+    std::multimap<int64_t, linkhealth::ProbeAnswer> m_pending;
+    ScopedSeam<linkhealth::LinkProber> m_scope;
+};
+
+}  // namespace vekd::test
