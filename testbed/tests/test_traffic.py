@@ -16,22 +16,18 @@ import httpd  # noqa: E402
 
 
 class Resolve(unittest.TestCase):
-    def setUp(self):
-        self.root = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, self.root)
-        open(os.path.join(self.root, "big.bin"), "wb").close()
-        os.mkdir(os.path.join(self.root, "sub"))
-
-    def test_plain_files_with_an_optional_time_limit(self):
-        path = os.path.join(self.root, "big.bin")
-        self.assertEqual(httpd.resolve(self.root, "/big.bin"), (path, None))
-        self.assertEqual(httpd.resolve(self.root, "/big.bin?for=0.3"), (path, 0.3))
-        self.assertEqual(httpd.resolve(self.root, "/big.bin?for=1e9"), (path, 600.0))
-
-    def test_nothing_outside_the_directory_or_malformed(self):
+    def test_plain_files_only_with_an_optional_time_limit(self):
+        root = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, root)
+        path = os.path.join(root, "big.bin")
+        open(path, "wb").close()
+        os.mkdir(os.path.join(root, "sub"))
+        for target, expected in (("/big.bin", (path, None)), ("/big.bin?for=0.3", (path, 0.3)),
+                                 ("/big.bin?for=1e9", (path, 600.0))):
+            self.assertEqual(httpd.resolve(root, target), expected, target)
         for target in ("/", "/../etc/passwd", "/sub/../big.bin", "/.hidden", "/sub",
                        "/missing", "/big.bin?for=soon"):
-            self.assertIsNone(httpd.resolve(self.root, target)[0], target)
+            self.assertIsNone(httpd.resolve(root, target)[0], target)
 
 
 class OverLoopback(unittest.TestCase):
@@ -91,45 +87,31 @@ class OverLoopback(unittest.TestCase):
         self.assertEqual(r.returncode, 0, r.stderr)
         return [l for l in r.stdout.splitlines()]
 
-    def test_whole_file_with_its_length_and_404_otherwise(self):
-        head, body = self.get("/small.bin")
-        self.assertTrue(head.startswith("HTTP/1.0 200"))
-        self.assertIn("Content-Length: 12345", head)
-        self.assertEqual(body, b"x" * 12345)
-        head, body = self.get("/../small.bin")
-        self.assertTrue(head.startswith("HTTP/1.0 404"))
+    def test_whole_file_with_its_length_over_both_ports_and_404_otherwise(self):
+        for secure in (False, True) if self.tls else (False,):
+            head, body = self.get("/small.bin", secure)
+            self.assertTrue(head.startswith("HTTP/1.0 200"), secure)
+            self.assertIn("Content-Length: 12345", head)
+            self.assertEqual(body, b"x" * 12345)
+        self.assertTrue(self.get("/../small.bin")[0].startswith("HTTP/1.0 404"))
 
     def test_time_limited_download_ends_early_without_length(self):
         head, body = self.get("/big.bin?for=0")
         self.assertNotIn("Content-Length", head)
         self.assertLess(len(body), 4 << 20)
 
-    def test_tls(self):
-        if not self.tls:
-            self.skipTest("openssl not installed")
-        head, body = self.get("/small.bin", secure=True)
-        self.assertTrue(head.startswith("HTTP/1.0 200"))
-        self.assertEqual(len(body), 12345)
-
     def test_download_makes_new_connections_until_the_time_is_up(self):
-        out = json.loads(self.traffic("download", "--duration", "1", "--workers", "3",
-                                      "--conn-time", "0.1")[-1])
-        self.assertGreaterEqual(out["connections"], 6)
-        self.assertEqual(out["failed"], 0)
-        self.assertEqual(out["completed"], out["connected"])
-        self.assertGreater(out["bytes"], 0)
-        self.assertGreater(out["goodput_kbps"], 0)
-
-    def test_download_over_tls_too(self):
-        if not self.tls:
-            self.skipTest("openssl not installed")
-        out = json.loads(self.traffic("download", "--duration", "0.5", "--workers", "2",
-                                      "--conn-time", "0.1", "--https", "100",
-                                      "--tls-port", str(self.tls_port))[-1])
-        self.assertGreater(out["connected"], 0)
-        self.assertEqual(out["https"], out["connected"])
-        self.assertEqual(out["failed"], 0)
-        self.assertGreater(out["bytes"], 0)
+        runs = [((), 0)]
+        if self.tls:
+            runs.append((("--https", "100", "--tls-port", str(self.tls_port)), 1))
+        for extra, https in runs:
+            out = json.loads(self.traffic("download", "--duration", "1", "--workers", "3",
+                                          "--conn-time", "0.1", *extra)[-1])
+            self.assertGreaterEqual(out["connections"], 6)
+            self.assertEqual(out["failed"], 0)
+            self.assertEqual(out["completed"], out["connected"])
+            self.assertEqual(out["https"], out["connected"] * https)
+            self.assertGreater(out["goodput_kbps"], 0)
 
     def test_hold_waits_and_is_not_reset_by_the_server(self):
         lines = self.traffic("hold", "--duration", "0.3")
