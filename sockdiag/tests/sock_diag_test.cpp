@@ -121,9 +121,9 @@ TEST_F(SockDiagTest, DumpRequestIsThe72ByteKernelLayoutAndErrorsAreProbed) {
     answer({});
     netlink.failPeek(ENOBUFS);
     EXPECT_EQ(sd.sendDumpRequest(IPPROTO_TCP, AF_INET, 0, 0xbff, iov, 1), -ENOBUFS);
-    netlink.failWritev(EMSGSIZE);
+    netlink.failWrite(EMSGSIZE);
     EXPECT_EQ(sd.sendDumpRequest(IPPROTO_TCP, AF_INET, 0, 0xbff, iov, 1), -EMSGSIZE);
-    netlink.failWritev(0, 10);  // a short write sets no errno of its own
+    netlink.failWrite(0, 10);  // a short write sets no errno of its own
     EXPECT_EQ(sd.sendDumpRequest(IPPROTO_TCP, AF_INET, 0, 0xbff, iov, 1), -EIO);
 }
 

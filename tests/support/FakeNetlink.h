@@ -91,8 +91,7 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     // The next socket() / connect() calls fail with `err` (0: they succeed).
     void failSocket(int err) { m_socketErrno = err; }
     void failConnect(int err) { m_connectErrno = err; }
-    // writev()/write() fail with `err`, or with `shortBy` > 0 write that many bytes too few.
-    void failWritev(int err, size_t shortBy = 0) { m_writevErrno = err, m_writevShortBy = shortBy; }
+    // writev() and write() fail with `err`, or with `shortBy` > 0 write that many bytes too few.
     void failWrite(int err, size_t shortBy = 0) { m_writeErrno = err, m_writeShortBy = shortBy; }
     // A read of an empty queue fails with `err` instead of returning 0.
     void failEmptyRead(int err) { m_emptyReadErrno = err; }
@@ -103,23 +102,11 @@ class FakeNetlink : public sockdiag::NetlinkOps {
         m_queues[fd].push_back(std::move(datagram));
     }
 
-    // --- What happened. ---
-    std::vector<Sent> sent() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_sent;
-    }
-    std::vector<int> opened() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_opened;
-    }
-    std::vector<int> closed() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_closed;
-    }
-    std::vector<int> peekFlags() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_recvFlags;
-    }
+    // --- What happened (the flags of every receive call in peekFlags()). ---
+    std::vector<Sent> sent() const { return locked(m_sent); }
+    std::vector<int> opened() const { return locked(m_opened); }
+    std::vector<int> closed() const { return locked(m_closed); }
+    std::vector<int> peekFlags() const { return locked(m_recvFlags); }
 
     // --- NetlinkOps. ---
     int socket(int domain, int type, int protocol) override {
@@ -143,11 +130,11 @@ class FakeNetlink : public sockdiag::NetlinkOps {
             const auto* p = static_cast<const uint8_t*>(iov[i].iov_base);
             bytes.insert(bytes.end(), p, p + iov[i].iov_len);
         }
-        return send(fd, std::move(bytes), m_writevErrno, m_writevShortBy);
+        return send(fd, std::move(bytes));
     }
     ssize_t write(int fd, const void* buf, size_t len) override {
         const auto* p = static_cast<const uint8_t*>(buf);
-        return send(fd, Bytes(p, p + len), m_writeErrno, m_writeShortBy);
+        return send(fd, Bytes(p, p + len));
     }
     ssize_t read(int fd, void* buf, size_t len) override { return recvfrom(fd, buf, len, 0); }
     ssize_t recvfrom(int fd, void* buf, size_t len, int flags) override {
@@ -172,11 +159,16 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     }
 
   private:
-    ssize_t send(int fd, Bytes bytes, int err, size_t shortBy) {
+    template <class T>
+    T locked(const T& value) const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return value;
+    }
+    ssize_t send(int fd, Bytes bytes) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_sent.push_back({fd, bytes});
-        if (err != 0 && shortBy == 0) return errno = err, -1;
-        if (shortBy > 0) return static_cast<ssize_t>(bytes.size() - std::min(shortBy, bytes.size()));
+        if (m_writeErrno != 0 && m_writeShortBy == 0) return errno = m_writeErrno, -1;
+        if (m_writeShortBy > 0) return static_cast<ssize_t>(bytes.size() - std::min(m_writeShortBy, bytes.size()));
         std::vector<Bytes> replies = m_responder ? m_responder(fd, bytes) : defaultReplies(bytes);
         for (Bytes& r : replies) m_queues[fd].push_back(std::move(r));
         return static_cast<ssize_t>(bytes.size());
@@ -198,8 +190,6 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     int m_nextFd = 100;
     int m_socketErrno = 0;
     int m_connectErrno = 0;
-    int m_writevErrno = 0;
-    size_t m_writevShortBy = 0;
     int m_writeErrno = 0;
     size_t m_writeShortBy = 0;
     int m_emptyReadErrno = 0;
