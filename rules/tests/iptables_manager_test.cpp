@@ -89,22 +89,16 @@ class Rules : public RulesTestBase {
     }
     Lines logOf() const { return log.linesOf("NUVIptables"); }
 
-    FakeNetlink netlink;
     RecordingCommandPipe pipe;
 };
 
-// --- skeleton ---
-
-TEST_F(Rules, ConstructorBuildsTheSkeletonOnceAndReportsNothing) {
+TEST_F(Rules, SkeletonOnceAndTeardownRemovesItWithEveryMarkChainThenANewManagerRebuilds) {
+    addInterface("wlan0", false, "wlan0", "0x64");
+    addInterface("rmnet0", true, "rmnet0", "0x65");
     IptablesManager* m = IptablesManager::instance();
     EXPECT_EQ(IptablesManager::instance(), m);
     EXPECT_EQ(pipe.commands(), skeleton());
     EXPECT_TRUE(logOf().empty());
-}
-
-TEST_F(Rules, TeardownRemovesTheSkeletonAndEveryMarkChainThenANewManagerRebuilds) {
-    addInterface("wlan0", false, "wlan0", "0x64");
-    addInterface("rmnet0", true, "rmnet0", "0x65");
     manager();
     gDebugLogEnabled = 1;
     IptablesManager::clean_NUV_iptables();
@@ -123,59 +117,45 @@ TEST_F(Rules, TeardownRemovesTheSkeletonAndEveryMarkChainThenANewManagerRebuilds
     EXPECT_EQ(pipe.commands(), skeleton());
 }
 
-// --- mark chains ---
-
-TEST_F(Rules, MarkChainOfOneInterface) {
-    InterfaceInfo_t* info = addInterface("wlan0", false, "wlan0", "0x64");
-    IptablesManager* m = manager();
-    EXPECT_EQ(m->create_NUV_FWMARK_chain_for_iface(info), 0);
-    EXPECT_EQ(pipe.commands(), createChain("wlan0", "0x64", "wlan0"));
-    pipe.clear();
-    EXPECT_EQ(m->remove_NUV_FWMARK_chain_for_iface(info), 0);
-    EXPECT_EQ(pipe.commands(), removeChain("wlan0", "0x64"));
-    EXPECT_TRUE(logOf().empty());
-}
-
-TEST_F(Rules, LongInterfaceNameGivesAChainNameCutTo127Characters) {
-    const std::string name(120, 'x');
-    InterfaceInfo_t* info = addInterface(name, false, "7", "0x1");
-    IptablesManager* m = manager();
-    EXPECT_EQ(m->create_NUV_FWMARK_chain_for_iface(info), 0);
-    const std::string chain = "kwop_fw_" + std::string(119, 'x');
-    auto commands = pipe.commands();
-    ASSERT_EQ(commands.size(), 7u);
-    EXPECT_EQ(commands[0], IPT + "-t mangle -N " + chain);
-    EXPECT_EQ(commands[4], IPT + "-t mangle -A " + chain + " -j ACCEPT");
-    // The masquerade rule names the interface itself, uncut.
-    EXPECT_EQ(commands[6], IPT + "-t nat -I kwop_nat_POSTROUTING_NUV -o " + name + " -j MASQUERADE");
-}
-
 TEST_F(Rules, SetupAndCleanupWalkEveryInterfaceInNameOrderDespiteAFailure) {
     addInterface("wlan0", false, "wlan0", "0x64");
     addInterface("rmnet_data0", true, "rmnet_data0", "0x65");
     IptablesManager* m = manager();
+    EXPECT_EQ(m->setup_NUV_iptables_FWMARK_chains(), 0);
+    EXPECT_EQ(m->cleanup_NUV_iptables_FWMARK_chains(), 0);
+    const Lines both = createChain("rmnet_data0", "0x65", "rmnet_data0") + createChain("wlan0", "0x64", "wlan0");
+    EXPECT_EQ(pipe.commands(), both + removeChain("rmnet_data0", "0x65") + removeChain("wlan0", "0x64"));
+    EXPECT_TRUE(logOf().empty());
+
     // One command of rmnet_data0 cannot start; wlan0 is still set up.
+    pipe.clear();
     pipe.failWhenContains("rule add fwmark 0x65");
     EXPECT_EQ(m->setup_NUV_iptables_FWMARK_chains(), -1);
-    EXPECT_EQ(pipe.commands(),
-              createChain("rmnet_data0", "0x65", "rmnet_data0") + createChain("wlan0", "0x64", "wlan0"));
+    EXPECT_EQ(pipe.commands(), both);
     EXPECT_EQ(logOf(),
-              (Lines{"E SEND VEK NDC COMMAND - FAIL  " + IP +
-                         "-4 rule add fwmark 0x65 table rmnet_data0 prio 25000 \n",
+              (Lines{"E SEND VEK NDC COMMAND - FAIL  " + IP + "-4 rule add fwmark 0x65 table rmnet_data0 prio 25000 \n",
                      "E create_NUV_FWMARK_chain_for_iface Failue when creating FWMARK tables for interface rmnet_data0 ",
                      "E setup_NUV_iptables_FWMARK_chains Creating FWMARK for interface rmnet_data0 failed",
                      "E setup_NUV_iptables_FWMARK_chains Failure when creating FWMARK tables for all interfaces "}));
 
-    pipe.clear();
     log.clear();
     pipe.failWhenContains("-X kwop_fw_wlan0");
     EXPECT_EQ(m->cleanup_NUV_iptables_FWMARK_chains(), -1);
-    EXPECT_EQ(pipe.commands(), removeChain("rmnet_data0", "0x65") + removeChain("wlan0", "0x64"));
     Lines lines = logOf();
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[1], "E remove_NUV_FWMARK_chain_for_iface Failure when creating FWMARK tables for interface wlan0 ");
     EXPECT_EQ(lines[2], "E cleanup_NUV_iptables_FWMARK_chains Cleanup FWMARK for interface wlan0 failed");
     EXPECT_EQ(lines[3], "E cleanup_NUV_iptables_FWMARK_chains Failure when cleaning FWMARK tables for all interfaces ");
+
+    // A long name gives a chain name cut to 127 characters; the masquerade
+    // rule names the interface itself, uncut.
+    const std::string name(120, 'x');
+    pipe.clear();
+    EXPECT_EQ(m->create_NUV_FWMARK_chain_for_iface(addInterface(name, false, "7", "0x1")), 0);
+    const Lines commands = pipe.commands();
+    ASSERT_EQ(commands.size(), 7u);
+    EXPECT_EQ(commands[4], IPT + "-t mangle -A kwop_fw_" + std::string(119, 'x') + " -j ACCEPT");
+    EXPECT_EQ(commands[6], IPT + "-t nat -I kwop_nat_POSTROUTING_NUV -o " + name + " -j MASQUERADE");
 }
 
 TEST_F(Rules, EmptyMapNullRecordsAndNullArgumentsRunNothing) {
@@ -221,17 +201,14 @@ TEST_F(RatioRules, UnmeteredFirstThenMeteredEachTakingItsShareOfTheRest) {
         Lines rules;
     };
     const std::vector<Case> cases = {
-        {"only metered links start from a zero sum",
-         {{"a", true, 0.25f}, {"b", true, 0.75f}},
+        {"no link: only the flush", {}, {}},
+        {"only metered links start from a zero sum", {{"a", true, 0.25f}, {"b", true, 0.75f}},
          {ratioRule("0.250000", "a"), ratioRule("1.000000", "b")}},
-        {"a zero ratio still gets a rule",
-         {{"a", false, 0.0f}, {"b", false, 1.0f}, {"c", true, 0.0f}},
+        {"a zero ratio still gets a rule", {{"a", false, 0.0f}, {"b", false, 1.0f}, {"c", true, 0.0f}},
          {ratioRule("0.000000", "a"), ratioRule("1.000000", "b"), ratioRule("0.000000", "c")}},
-        {"a sum over 1 is not clamped",
-         {{"a", false, 0.8f}, {"b", false, 0.8f}, {"c", false, 0.1f}},
+        {"a sum over 1 is not clamped", {{"a", false, 0.8f}, {"b", false, 0.8f}, {"c", false, 0.1f}},
          {ratioRule("0.800000", "a"), ratioRule("4.000000", "b"), ratioRule("0.000000", "c")}},
-        {"the metered link sorting in between comes last",
-         {{"a", false, 0.2f}, {"b", true, 0.3f}, {"c", false, 0.5f}},
+        {"the metered link sorting in between comes last", {{"a", false, 0.2f}, {"b", true, 0.3f}, {"c", false, 0.5f}},
          {ratioRule("0.200000", "a"), ratioRule("0.625000", "c"), ratioRule("1.000000", "b")}},
     };
     for (const Case& c : cases) {
@@ -257,29 +234,19 @@ TEST_F(RatioRules, UnmeteredFirstThenMeteredEachTakingItsShareOfTheRest) {
                             "E handle->interfaceRatio: 0.300000 handle->interfaceName: b", "E Updated Ratio: 1.000000"}));
 }
 
-TEST_F(RatioRules, UnknownAndNullEntriesAreSkippedWithoutTouchingTheStore) {
+TEST_F(RatioRules, UnknownAndNullEntriesAreSkippedAndUnstartableCommandsFailAfterTrying) {
     addInterface("wlan0", false, "1", "0x1");
     ratio("wlan0", 0.6f);
     ratio("ghost0", 0.4f);
     stats["null0"] = nullptr;
     EXPECT_EQ(apply(), 0);
     EXPECT_EQ(pipe.commands(), (Lines{flush, ratioRule("0.600000", "wlan0")}));
-    EXPECT_EQ(params->m_interfaceMap.count("ghost0"), 0u);
-    EXPECT_EQ(params->m_interfaceMap.size(), 1u);
+    EXPECT_EQ(params->m_interfaceMap.size(), 1u);  // the store is not touched
     EXPECT_EQ(logOf(), (Lines{"E set_VEK_ratio_iptables interface ghost0 is not configured, no rule for it"}));
-}
 
-TEST_F(RatioRules, EmptyInputOnlyFlushesAndUnstartableCommandsFailAfterTrying) {
-    EXPECT_EQ(apply(), 0);
-    EXPECT_EQ(pipe.commands(), (Lines{flush}));
-
-    addInterface("wlan0", false, "1", "0x1");
-    addInterface("rmnet0", true, "2", "0x2");
-    ratio("wlan0", 0.5f);
-    ratio("rmnet0", 0.5f);
     pipe.failWhenContains("-F kwop_VEK");
     EXPECT_EQ(apply(), -1);
-    EXPECT_EQ(pipe.commands(), (Lines{flush, ratioRule("0.500000", "wlan0"), ratioRule("1.000000", "rmnet0")}));
+    EXPECT_EQ(pipe.commands(), (Lines{flush, ratioRule("0.600000", "wlan0")}));
     EXPECT_EQ(logOf().back(), "E set_VEK_ratio_iptables Failure when setting VEK Ratios ");
 }
 
