@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <vector>
 
 #include "stats/StatsFileLayout.h"
 #include "stats/VekStatsImpl.h"
@@ -32,13 +31,12 @@ TEST(CommandsTest, SplitsOnNulAcrossReadsAndParsesPorts) {
     EXPECT_EQ(parseCommand(out[2]).value, "wlan0");
 
     std::set<uint16_t> ports;
-    std::string bad;
-    EXPECT_TRUE(parsePortList("80,443,80", &ports, &bad));
-    EXPECT_EQ(ports, (std::set<uint16_t>{80, 443}));
+    EXPECT_TRUE(parsePortList("80,443,80,0443,65535", &ports, nullptr));
+    EXPECT_EQ(ports, (std::set<uint16_t>{80, 443, 65535}));
     for (const char* wrong : {"80,,443", "0", "65536", "8a", " 80"}) {
-        EXPECT_FALSE(parsePortList(wrong, &ports, &bad)) << wrong;
+        EXPECT_FALSE(parsePortList(wrong, &ports, nullptr)) << wrong;
     }
-    EXPECT_EQ(ports, (std::set<uint16_t>{80, 443})) << "kept on error";
+    EXPECT_EQ(ports.size(), 3u) << "kept on error";
 }
 
 // An IPv4 packet (20-byte header) of `total` bytes carrying `proto` from `port`.
@@ -52,25 +50,32 @@ std::vector<uint8_t> ipv4(uint16_t port, uint16_t total, uint8_t proto = 6, uint
     return p;
 }
 
+// An IPv6 packet whose TCP header from `port` follows a hop-by-hop header.
+std::vector<uint8_t> ipv6(uint8_t port) {
+    std::vector<uint8_t> p(52, 0);
+    p[0] = 0x60;
+    p[40] = 6;  // hop-by-hop options (next header 0), then TCP
+    p[49] = port;
+    return p;
+}
+
 TEST(PacketCountTest, CountsTcpSegmentsFromCommandedPorts) {
     const std::set<uint16_t> web{80, 443};
-    auto count = [&](const std::vector<uint8_t>& p, size_t length, const std::set<uint16_t>& ports) {
-        return countedTcpBytes(p.data(), std::min(p.size(), length), length, ETH_P_IP, ports);
+    auto count = [&](const std::vector<uint8_t>& p, size_t captured, size_t length, const std::set<uint16_t>& ports) {
+        return countedTcpBytes(p.data(), captured, length, p[0] == 0x45 ? ETH_P_IP : ETH_P_IPV6, ports);
     };
-    EXPECT_EQ(count(ipv4(443, 1500), 1500, web), 1480u);
-    EXPECT_EQ(count(ipv4(22, 1500), 1500, web), 0u);
-    EXPECT_EQ(count(ipv4(22, 1500), 1500, {}), 1480u);           // no list: any port
-    EXPECT_EQ(count(ipv4(80, 1500, 17), 1500, web), 0u);         // UDP
-    EXPECT_EQ(count(ipv4(80, 1500, 6, 0x00b9), 1500, web), 0u);  // later fragment
-    EXPECT_EQ(count(ipv4(80, 40), 60, web), 20u);                // link padding
-    EXPECT_EQ(count(ipv4(80, 0), 64000, web), 63980u);           // aggregated
-    EXPECT_EQ(count(ipv4(80, 1500), 22, web), 0u);               // cut short
-
-    std::vector<uint8_t> v6(80, 0);
-    v6[0] = 0x60;
-    v6[40] = 6;   // hop-by-hop options (next header 0), then TCP
-    v6[49] = 80;  // from port 80
-    EXPECT_EQ(countedTcpBytes(v6.data(), v6.size(), 1280, ETH_P_IPV6, web), 1232u);
+    EXPECT_EQ(count(ipv4(443, 1500), 60, 1500, web), 1480u);
+    EXPECT_EQ(count(ipv4(22, 1500), 60, 1500, web), 0u);
+    EXPECT_EQ(count(ipv4(22, 1500), 60, 1500, {}), 1480u);           // no list: any port
+    EXPECT_EQ(count(ipv4(80, 1500, 17), 60, 1500, web), 0u);         // UDP
+    EXPECT_EQ(count(ipv4(80, 1500, 6, 0x00b9), 60, 1500, web), 0u);  // later fragment
+    EXPECT_EQ(count(ipv4(80, 40), 60, 60, web), 20u);                // link padding
+    EXPECT_EQ(count(ipv4(80, 0), 60, 64000, web), 63980u);           // aggregated
+    EXPECT_EQ(count(ipv4(80, 1500), 22, 1500, web), 0u);             // cut short
+    EXPECT_EQ(count(ipv4(80, 1500), 60, 59, web), 0u);               // more captured than sent
+    EXPECT_EQ(count(ipv6(80), 52, 1280, web), 1232u);
+    EXPECT_EQ(count(ipv6(80), 51, 1280, web), 0u);                   // TCP ports cut short
+    EXPECT_EQ(count(ipv6(22), 52, 1280, web), 0u);
 }
 
 // The daemon opens and closes the FIFO for every command; the publisher must
@@ -80,17 +85,19 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     const std::string bin = vekd::test::binaryPath("vekstatd");
     std::string out;
     EXPECT_EQ(vekd::test::runProgram(bin, {"--help"}, root.path(), &out), 0);
-    EXPECT_NE(out.find("iface=NAME"), std::string::npos);
-    EXPECT_EQ(vekd::test::runProgram(bin, {"--tick-ms", "50"}, root.path()), 2);
+    EXPECT_EQ(out.rfind("usage: vekstatd [--tick-ms N]\n", 0), 0u) << out;
+    for (const char* bad : {"0", "21", "5x"}) EXPECT_EQ(vekd::test::runProgram(bin, {"--tick-ms", bad}, root.path()), 2);
+    root.writeFile("/proc", "a file where a directory belongs");
+    EXPECT_EQ(vekd::test::runProgram(bin, {}, root.path()), 1);
+    unlink(root.at("/proc").c_str());
 
     vekd::test::makeDirs(root.at("/proc/vek"));
     const std::string path = root.at("/proc/vek/wlan0_mmap");
     close(open(path.c_str(), O_CREAT | O_WRONLY, 0644));
-    struct stat before {};
+    struct stat before {}, after {};
     ASSERT_EQ(stat(path.c_str(), &before), 0);
-
-    vekd::test::DaemonProcess publisher(bin, {}, root.path(), root.at("/vekstatd.log"));
-    ASSERT_TRUE(publisher.waitForLog("reading commands from", std::chrono::seconds(10)));
+    vekd::test::DaemonProcess publisher(bin, {"--tick-ms", "20"}, root.path(), root.at("/vekstatd.log"));
+    ASSERT_TRUE(publisher.waitForLog("a sample every 20 ms", std::chrono::seconds(10)));
     VekStatsImpl* stats = VekStatsImpl::instance();
     for (const char* command : {"ports=80,443", "iface=wlan0", "iface=../etc", "enable=0"}) {
         EXPECT_EQ(stats->writeStatsConfFile(command), 0) << command;
@@ -98,7 +105,6 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     ASSERT_TRUE(publisher.waitForLog("command: enable=0", std::chrono::seconds(10))) << publisher.log();
     EXPECT_NE(publisher.log().find("E vekstatd: bad interface name \"../etc\""), std::string::npos);
 
-    struct stat after {};
     ASSERT_EQ(stat(path.c_str(), &after), 0);
     EXPECT_EQ(after.st_ino, before.st_ino);
     EXPECT_EQ(after.st_size, 20480);
@@ -107,7 +113,6 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     EXPECT_EQ(pread(fd, &magic, sizeof(magic), 0), 4);
     close(fd);
     EXPECT_EQ(magic, kVekStatsMagic);
-
     int status = publisher.stop(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     VekStatsImpl::resetForTesting();
