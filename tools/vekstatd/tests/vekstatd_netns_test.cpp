@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <vector>
 
 #include "config/Parameters.h"
 #include "stats/VekStatsImpl.h"
@@ -39,6 +38,7 @@ bool readByte(int fd, char expected) {
     return read(fd, &c, 1) == 1 && c == expected;
 }
 
+// The server side: its own namespace, the shaper on its end of the link, one transfer.
 [[noreturn]] void serve(int toParent, int fromParent) {
     alarm(30);  // never outlive a broken parent
     if (unshare(CLONE_NEWNET) != 0 || write(toParent, "n", 1) != 1 || !readByte(fromParent, 'l')) _exit(1);
@@ -53,10 +53,8 @@ bool readByte(int fd, char expected) {
     }
     int conn = accept(listener, nullptr, nullptr);
     std::vector<char> chunk(kTransferBytes, 'v');
-    for (size_t sent = 0; conn >= 0 && sent < kTransferBytes;) {
-        ssize_t n = send(conn, chunk.data() + sent, kTransferBytes - sent, 0);
-        if (n <= 0) _exit(3);
-        sent += static_cast<size_t>(n);
+    for (ssize_t sent = 0, n = 0; conn >= 0 && sent < static_cast<ssize_t>(kTransferBytes); sent += n) {
+        if ((n = send(conn, chunk.data() + sent, kTransferBytes - sent, 0)) <= 0) _exit(3);
     }
     _exit(conn >= 0 ? 0 : 4);
 }
@@ -83,24 +81,22 @@ TEST(VekstatdNetnsTest, EstimateOfAShapedTransferIsWithinTwentyPercentOfItsMeasu
     DaemonProcess publisher(binaryPath("vekstatd"), {}, root.path(), root.at("/vekstatd.log"));
     ASSERT_TRUE(publisher.waitForLog("reading commands from", std::chrono::seconds(10)));
     Parameters::resetForTesting();
-    auto* info = static_cast<InterfaceInfo_t*>(calloc(1, sizeof(InterfaceInfo_t)));
-    Parameters::instance()->m_interfaceMap["vs0"] = info;
+    Parameters::instance()->m_interfaceMap["vs0"] = static_cast<InterfaceInfo_t*>(calloc(1, sizeof(InterfaceInfo_t)));
     VekStatsImpl* stats = VekStatsImpl::instance();
     ASSERT_TRUE(stats->enableVEK(true));
     ASSERT_TRUE(publisher.waitForLog("interface vs0: measuring", std::chrono::seconds(10))) << publisher.log();
     VekStatsData* estimator = stats->m_linkStatsMap.at("vs0")->statsData;
     ASSERT_NE(estimator, nullptr);
 
+    // An estimate every 100 ms once the transfer has settled (after 0.8 s, before 90 %).
     int client = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr = serverAddress();
     ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    // An estimate every 100 ms once the transfer has settled.
     std::vector<unsigned> estimates;
     std::vector<char> buf(65536);
     size_t received = 0;
     Clock::time_point first, last, nextEstimate;
-    const auto deadline = Clock::now() + std::chrono::seconds(20);
-    for (;;) {
+    for (const auto deadline = Clock::now() + std::chrono::seconds(20);;) {
         pollfd pfd{client, POLLIN, 0};
         if (poll(&pfd, 1, 20) > 0) {
             ssize_t n = recv(client, buf.data(), buf.size(), 0);
@@ -127,8 +123,7 @@ TEST(VekstatdNetnsTest, EstimateOfAShapedTransferIsWithinTwentyPercentOfItsMeasu
     std::nth_element(estimates.begin(), estimates.begin() + estimates.size() / 2, estimates.end());
     const double median = estimates[estimates.size() / 2];
     EXPECT_NEAR(median, measured, measured * 0.2) << "estimates: " << all << "\n" << publisher.log();
-    printf("measured %.0f kbit/s over %.2f s; median estimate %.0f kbit/s (%s)\n", measured, seconds,
-           median, all.c_str());
+    printf("measured %.0f kbit/s over %.2f s; median estimate %.0f kbit/s (%s)\n", measured, seconds, median, all.c_str());
 
     EXPECT_TRUE(stats->enableVEK(false));
     VekStatsImpl::resetForTesting();
