@@ -224,7 +224,7 @@ TEST_F(ServiceTest, SixteenTransactionsRunAtOnceAndNoMore) {
     m_service->openGate();
     for (auto& t : callers) t.join();
     EXPECT_EQ(ok.load(), 20);
-    EXPECT_EQ(m_service->m_maxInFlight, 16);
+    EXPECT_TRUE(m_service->waitFor([&] { return m_service->m_maxInFlight == 16; }));
 }
 
 TEST_F(ServiceTest, FramesUpToOneMebibyteAreCarriedBothWays) {
