@@ -1,4 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -6,50 +9,24 @@
 
 #include "linkhealth/LinkMonitor.h"
 #include "linkhealth/tests/FakeProber.h"
-#include "stats/StatsFileAccess.h"
 #include "tests/support/InProcessDaemon.h"
 
 namespace {
 
 using Commands = std::vector<std::string>;
 
-// The real file access, with every write to the control file recorded (a
-// plain file would keep only the last command, each written at offset 0).
-class RecordingControlFile : public vekd::stats::StatsFileAccess {
-  public:
-    RecordingControlFile() : m_scope(*this) {}
-    int open(const char* path, int flags, mode_t mode) override {
-        int fd = real().open(path, flags, mode);
-        if (fd >= 0 && std::string(path).find("/proc/vek/config") != std::string::npos) m_controlFd = fd;
-        return fd;
-    }
-    ssize_t write(int fd, const void* data, size_t size) override {
-        if (fd == m_controlFd) written.append(static_cast<const char*>(data), size);
-        return real().write(fd, data, size);
-    }
-    int close(int fd) override {
-        if (fd == m_controlFd) m_controlFd = -1;
-        return real().close(fd);
-    }
-    void* mmap(size_t length, int prot, int flags, int fd, off_t offset) override {
-        return real().mmap(length, prot, flags, fd, offset);
-    }
-    int munmap(void* addr, size_t length) override { return real().munmap(addr, length); }
-
-    std::string written;
-
-  private:
-    int m_controlFd = -1;
-    vekd::ScopedSeam<vekd::stats::StatsFileAccess> m_scope;
-};
 const std::string kIpt = "/system/bin/iptables-wrapper-1.0 -w -t ";
 
 class Manager : public testing::Test, protected vekd::test::InProcessDaemon {
   protected:
     void SetUp() override {
-        root.writeFile("/proc/vek/config", "");
         root.writeFile(kVekdConfPath, "gaming_uid_list=9999,10010\nvek_uid_list=10010,10123\n");
+        // A FIFO keeps every control command in order, as the module reads them.
+        vekd::test::makeDirs(root.at("/proc/vek"));
+        ASSERT_EQ(mkfifo(root.at("/proc/vek/config").c_str(), 0600), 0);
+        control = open(root.at("/proc/vek/config").c_str(), O_RDONLY | O_NONBLOCK);
     }
+    void TearDown() override { close(control); }
     NuvManager* configured(const std::vector<std::string>& ifaces) {
         Parameters::instance();
         NuvManager* m = NuvManager::instance();
@@ -60,7 +37,11 @@ class Manager : public testing::Test, protected vekd::test::InProcessDaemon {
         log.clear();
         return m;
     }
-    std::string controlCommands() const { return control.written; }
+    std::string controlCommands() {
+        char buf[2048];
+        for (ssize_t n; (n = read(control, buf, sizeof(buf))) > 0;) written.append(buf, static_cast<size_t>(n));
+        return written;
+    }
     Commands commandsWith(const std::string& fragment) const {
         Commands out;
         for (const std::string& c : pipe.commands()) {
@@ -69,7 +50,8 @@ class Manager : public testing::Test, protected vekd::test::InProcessDaemon {
         return out;
     }
 
-    RecordingControlFile control;
+    int control = -1;
+    std::string written;
 };
 
 const std::string kWlan = "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1";

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -130,35 +129,6 @@ TEST(SockDestroyKernel, DestroysTheUidsSocketsOnBothFamiliesAndSparesTheRest) {
         EXPECT_EQ(pendingError(s->otherUdp), 0);
         EXPECT_EQ(send(s->otherUdp, "x", 1, 0), 1);
     }
-}
-
-size_t countTimeWait(uint16_t port) {
-    const std::string out = vekd::test::runShell("ss -Htan state time-wait sport = :" + std::to_string(port));
-    return static_cast<size_t>(std::count(out.begin(), out.end(), '\n'));
-}
-
-// The kernel reports a TIME_WAIT socket without its owner (UID 0): the
-// application's own pass never sees it, a pass for UID 0 destroys it.
-TEST(SockDestroyKernel, TimeWaitSocketsCarryNoOwner) {
-    REQUIRE_SOCK_DESTROY();
-    Fds fds;
-    int listener = fds.add(vekd::test::tcpListener(AF_INET));
-    ASSERT_GE(listener, 0);
-    int client = -1, accepted = -1;
-    ASSERT_TRUE(vekd::test::tcpConnection(AF_INET, listener, kApp, 0, &client, &accepted));
-    const uint16_t clientPort = vekd::test::localPort(client);
-    // The side that closes first ends in TIME_WAIT.
-    close(client);
-    char c;
-    ASSERT_EQ(recv(accepted, &c, 1, 0), 0);
-    close(accepted);
-    for (int i = 0; i < 100 && countTimeWait(clientPort) == 0; ++i) usleep(10000);
-    ASSERT_EQ(countTimeWait(clientPort), 1u);
-
-    EXPECT_EQ(killSocketsForUID("10123"), 0);
-    EXPECT_EQ(countTimeWait(clientPort), 1u);
-    EXPECT_EQ(killSocketsForUID("0"), 0);
-    EXPECT_EQ(countTimeWait(clientPort), 0u);
 }
 
 }  // namespace

@@ -301,36 +301,36 @@ TEST(IsLoopbackSocket, LoopbackOrEqualAddressesAndByte15OfMappedOnes) {
 }
 
 TEST_F(SockDiagTest, KillRunsATcpThenAUdpPassAndReturnsTheUdpResult) {
-    EXPECT_EQ(killSocketsForUID("10123"), 0);
-    EXPECT_EQ(lines(), (Lines{"E  VEK_GAMING destroying TCP sockets: 10123", "E  VEK_GAMING destroying UDP sockets: 10123"}));
+    const std::string tcp = "E  VEK_GAMING destroying TCP sockets: 10123", udp = "E  VEK_GAMING destroying UDP sockets: 10123";
+    const Bytes done = FakeNetlink::done();
+    const struct {
+        Replies tcpReplies, udpReplies;
+        int result;
+        Lines lines;
+    } cases[] = {
+        {{done}, {done}, 0, {tcp, udp}},
+        {{FakeNetlink::error(-EPERM)}, {diag(kUid, 1), done}, 0,
+         {"E  VEK_GAMING Error destroying TCP sockets: Operation not permitted", "E VEK_GAMING: SOCK DESTROY [0]",
+          "E VEK_GAMING: SOCK DESTROY [0]", udp}},
+        {{done}, {FakeNetlink::error(-EINVAL)}, -EINVAL, {tcp, "E  VEK_GAMING Error destroying UDP sockets: Invalid argument"}},
+        // Found by fuzzing: a damaged error message carrying INT_MIN was negated for strerror.
+        {{done}, {FakeNetlink::error(INT32_MIN)}, -EBADMSG,
+         {tcp, "E VEK_GAMING netlink error code -2147483648 is no errno, message damaged",
+          "E  VEK_GAMING Error destroying UDP sockets: Bad message"}},
+    };
+    for (const auto& c : cases) {
+        log.clear();
+        netlink.setResponder([&c](int, const Bytes& request) {
+            return decode(request).req.sdiag_protocol == IPPROTO_TCP ? c.tcpReplies : c.udpReplies;
+        });
+        EXPECT_EQ(killSocketsForUID("10123"), c.result) << c.lines.back();
+        EXPECT_EQ(lines(), c.lines);
+    }
     std::vector<std::pair<int, int>> dumps;
     for (const Request& r : requestsOn(kDumpFd)) dumps.emplace_back(r.req.sdiag_protocol, r.req.sdiag_family);
     EXPECT_EQ(dumps, (std::vector<std::pair<int, int>>{
                          {IPPROTO_TCP, AF_INET}, {IPPROTO_TCP, AF_INET6}, {IPPROTO_UDP, AF_INET}, {IPPROTO_UDP, AF_INET6}}));
-    EXPECT_EQ(netlink.closed(), (Ports{kDumpFd, kWriteFd}));
-
-    log.clear();
-    netlink.setResponder([](int, const Bytes& request) {
-        if (decode(request).req.sdiag_protocol == IPPROTO_TCP) return Replies{FakeNetlink::error(-EPERM)};
-        return Replies{diag(kUid, 1), FakeNetlink::done()};
-    });
-    EXPECT_EQ(killSocketsForUID("10123"), 0);
-    EXPECT_EQ(lines(), (Lines{"E  VEK_GAMING Error destroying TCP sockets: Operation not permitted",
-                              "E VEK_GAMING: SOCK DESTROY [0]", "E VEK_GAMING: SOCK DESTROY [0]",
-                              "E  VEK_GAMING destroying UDP sockets: 10123"}));
-    log.clear();
-    netlink.setResponder([](int, const Bytes& request) {
-        if (decode(request).req.sdiag_protocol == IPPROTO_UDP) return Replies{FakeNetlink::error(-EINVAL)};
-        return Replies{FakeNetlink::done()};
-    });
-    EXPECT_EQ(killSocketsForUID("10123"), -EINVAL);
-    EXPECT_EQ(lines(), (Lines{"E  VEK_GAMING destroying TCP sockets: 10123",
-                              "E  VEK_GAMING Error destroying UDP sockets: Invalid argument"}));
-
-    // Found by fuzzing: a damaged error message carrying INT_MIN was negated for strerror.
-    answer({FakeNetlink::error(INT32_MIN)});
-    EXPECT_EQ(killSocketsForUID("10123"), -EBADMSG);
-    EXPECT_TRUE(log.contains("VEK_GAMING netlink error code -2147483648 is no errno, message damaged"));
+    EXPECT_EQ(netlink.closed(), netlink.opened());
 
     log.clear();
     netlink.failSocket(EMFILE);

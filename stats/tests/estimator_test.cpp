@@ -107,15 +107,13 @@ TEST_F(EstimatorTest, NotReadyAndClockFailureGiveZero) {
     fillSteady(ring, 20, 8, 1024);
     ring.setMagic(0);
     EXPECT_EQ(estimate(), Estimate(0, 12345));  // untouched
-    EXPECT_EQ(log.linesOf("VekStatsData"),
-              std::vector<std::string>{"E VEK stat colletct is not ready"});
+    EXPECT_EQ(log.linesOf("VekStatsData"), std::vector<std::string>{"E VEK stat colletct is not ready"});
 
     ring.setMagic();
     log.clear();
     clock.failNextTimeOfDay();
     EXPECT_EQ(estimate(), Estimate(0, 0));
-    EXPECT_EQ(log.linesOf("VekStatsData"),
-              std::vector<std::string>{"E linkRateEstimate, gettimeofday failed"});
+    EXPECT_EQ(log.linesOf("VekStatsData"), std::vector<std::string>{"E linkRateEstimate, gettimeofday failed"});
 }
 
 TEST_F(EstimatorTest, CorruptRingsEndWithinTheMapping) {
@@ -152,11 +150,9 @@ TEST_F(EstimatorTest, VerboseLogShowsNewestEntryAndResult) {
     ring.append(makeSample(kNowMs, 1024, kVekSampleCounted, 0, 9));
     VekStatsData data(ring.data(), true);
     data.linkRateEstimate(nullptr, "wlan0");
-    EXPECT_EQ(log.linesOf("VekStatsData"),
-              (std::vector<std::string>{
-                  "D WLAN:linkRateEstimate",
-                  "D WLAN:Entry(1):1700000000000,1024,9,2,0",
-                  "D WLAN:linkRateEstimate:0, size:1024, timeLen:8 interface:wlan0  -\n"}));
+    EXPECT_EQ(log.linesOf("VekStatsData"), (std::vector<std::string>{"D WLAN:linkRateEstimate",
+                                                                     "D WLAN:Entry(1):1700000000000,1024,9,2,0",
+                                                                     "D WLAN:linkRateEstimate:0, size:1024, timeLen:8 interface:wlan0  -\n"}));
 }
 
 TEST_F(StatsTest, HistoryKeepsTheMaximumOfTheLastEstimatesAndRescansWhenItLeaves) {
