@@ -298,8 +298,10 @@ TEST_F(BinderTest, BadRepliesEndTheCallWithAStatus) {
         const std::string name = "raw" + std::to_string(n++);
         RawSocket raw(vekd::binder::socketPath(name), true);
         std::atomic<int> requests{0};
+        std::atomic<bool> done{false};
         std::thread server([&] {  // answers the first request of each connection, then closes it
-            for (pollfd p = {raw.fd, POLLIN, 0}; poll(&p, 1, 200) > 0;) {
+            for (pollfd p = {raw.fd, POLLIN, 0}; !done; p.revents = 0) {
+                if (poll(&p, 1, 50) <= 0) continue;
                 const int conn = accept(raw.fd, nullptr, nullptr);
                 uint8_t request[12];
                 if (raw.read(request, sizeof(request), conn)) ++requests;
@@ -308,9 +310,9 @@ TEST_F(BinderTest, BadRepliesEndTheCallWithAStatus) {
             }
         });
         sp<IBinder> binder = defaultServiceManager()->checkService(String16(name.c_str()));
-        ASSERT_NE(binder, nullptr) << name;
         Parcel reply;
-        EXPECT_EQ(binder->transact(kEcho, Parcel(), &reply), c.status) << name;
+        EXPECT_EQ(binder ? binder->transact(kEcho, Parcel(), &reply) : NAME_NOT_FOUND, c.status) << name;
+        done = true;
         server.join();
         EXPECT_EQ(requests.load(), c.requests) << name;
     }
