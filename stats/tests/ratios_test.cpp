@@ -190,13 +190,17 @@ class EvalTurnTest : public RatiosTest {
         file->clear();
         fillSteady(*file, count, 8, bytes);
     }
+    // The ratio rules run, as "probability -j chain" each (their full text is
+    // the rule tests' business), after the flush.
     std::vector<std::string> ratioRules() const {
         std::vector<std::string> out;
         for (const std::string& c : pipe.commands()) {
-            if (c.find("kwop_VEK") != std::string::npos) out.push_back(c);
+            if (c == kFlush) out.push_back("flush");
+            if (c.rfind(kRule, 0) == 0) out.push_back(c.substr(strlen(kRule)));
         }
         return out;
     }
+    using Rules = std::vector<std::string>;
     std::map<std::string, std::unique_ptr<stats::StatsFile>> files;
 };
 
@@ -206,9 +210,7 @@ TEST_F(EvalTurnTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     ASSERT_TRUE(stats()->initMmap());
 
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(ratioRules(),
-              (std::vector<std::string>{kFlush, std::string(kRule) + "0.625000 -j kwop_fw_wlan0",
-                                        std::string(kRule) + "1.000000 -j kwop_fw_rmnet0"}));
+    EXPECT_EQ(ratioRules(), (Rules{"flush", "0.625000 -j kwop_fw_wlan0", "1.000000 -j kwop_fw_rmnet0"}));
     EXPECT_EQ(pipe.lockHeld, std::vector<bool>(3, true));
 
     pipe.clear();
@@ -218,9 +220,7 @@ TEST_F(EvalTurnTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     // Wi-Fi now above the threshold: it alone carries new connections.
     publish("wlan0", false, 2048);
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(ratioRules(),
-              (std::vector<std::string>{kFlush, std::string(kRule) + "1.000000 -j kwop_fw_wlan0",
-                                        std::string(kRule) + "0.000000 -j kwop_fw_rmnet0"}));
+    EXPECT_EQ(ratioRules(), (Rules{"flush", "1.000000 -j kwop_fw_wlan0", "0.000000 -j kwop_fw_rmnet0"}));
 }
 
 TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
@@ -232,17 +232,15 @@ TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
     auto& records = stats()->m_linkStatsMap;
 
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(records["wlan0"]->lre, 1000u);
-    EXPECT_EQ(records["wlan0"]->pktCnt, 19u);
-    EXPECT_EQ(records["wlan1"]->lre, 0u);
-    EXPECT_EQ(records["wlan1"]->pktCnt, 3u);
+    auto lreAndCount = [&](const char* name) { return std::make_pair(records[name]->lre, records[name]->pktCnt); };
+    EXPECT_EQ(lreAndCount("wlan0"), std::make_pair(1000u, 19u));
+    EXPECT_EQ(lreAndCount("wlan1"), std::make_pair(0u, 3u));
     EXPECT_EQ(records["rmnet0"]->lre, 0u);
 
     // Past mini_stale_interval nothing is fresh: the history stands in.
     clock.setNowMs(kNowMs + 2000);
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(records["wlan0"]->lre, 1000u);
-    EXPECT_EQ(records["wlan0"]->pktCnt, 0u);
+    EXPECT_EQ(lreAndCount("wlan0"), std::make_pair(1000u, 0u));
 }
 
 TEST_F(EvalTurnTest, ADownLinkLosesItsEstimateAndHistoryAndTheOtherTakesAll) {
@@ -255,9 +253,7 @@ TEST_F(EvalTurnTest, ADownLinkLosesItsEstimateAndHistoryAndTheOtherTakesAll) {
     pipe.clear();
     stats()->setDownLinks({"rmnet0"});
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(ratioRules(),
-              (std::vector<std::string>{kFlush, std::string(kRule) + "1.000000 -j kwop_fw_wlan0",
-                                        std::string(kRule) + "0.000000 -j kwop_fw_rmnet0"}));
+    EXPECT_EQ(ratioRules(), (Rules{"flush", "1.000000 -j kwop_fw_wlan0", "0.000000 -j kwop_fw_rmnet0"}));
     const linkStatsWrapper_t* rmnet = stats()->m_linkStatsMap["rmnet0"];
     EXPECT_EQ(rmnet->lre, 0u);
     EXPECT_TRUE(rmnet->history.rates.empty());
