@@ -31,25 +31,8 @@ def read(*parts):
 
 def string_literals(source):
     """The string literals of C++ source, comments skipped."""
-    out, i, n = [], 0, len(source)
-    while i < n:
-        if source.startswith("//", i):
-            end = source.find("\n", i)
-            i = n if end < 0 else end
-        elif source.startswith("/*", i):
-            end = source.find("*/", i + 2)
-            i = n if end < 0 else end + 2
-        elif source[i] in "\"'":
-            quote, j, text = source[i], i + 1, []
-            while j < n and source[j] != quote:
-                text.append(source[j:j + 2] if source[j] == "\\" else source[j])
-                j += 2 if source[j] == "\\" else 1
-            if quote == '"':
-                out.append("".join(text))
-            i = j + 1
-        else:
-            i += 1
-    return out
+    token = r"""("(?:\\.|[^"\\])*")|'(?:\\.|[^'\\])*'|//[^\n]*|/\*.*?\*/"""
+    return [m.group(1)[1:-1] for m in re.finditer(token, source, re.S) if m.group(1)]
 
 
 def blueprint_modules():
@@ -78,7 +61,6 @@ class PlatformFilesTest(unittest.TestCase):
             headers = [os.path.join(folder, f) for f in os.listdir(os.path.join(TOP, folder)) if f.endswith(".h")]
             for path in [src] + headers:
                 literals += string_literals(read(TOP, path))
-        cls.literals = literals
         cls.code = "".join(read(TOP, s) for s in cls.device_srcs)
         cls.props = {s for s in literals if re.fullmatch(r"(vendor|persist|ro)\.[\w.-]+", s)}
         cls.paths = {s.split()[0] for s in literals if re.fullmatch(r"/[\w.-]+(/[\w.-]+)+( .*)?", s)}
