@@ -49,7 +49,7 @@ for pair in arm64:aarch64-linux-gnu armhf:arm-linux-gnueabihf; do
   tmp=$(mktemp -d)
   chmod 755 "$tmp"
   (cd "$tmp" && apt-get download -qq "p7zip-full:$arch" >/dev/null 2>&1) || true
-  deb=$(ls "$tmp"/p7zip-full_*_"$arch".deb 2>/dev/null | head -n1)
+  deb=$(ls "$tmp"/p7zip-full_*_"$arch".deb 2>/dev/null | head -n1 || true)
   if [ -z "$deb" ]; then
     echo "install-deps: cannot download p7zip-full:$arch" >&2
     rm -rf "$tmp"
