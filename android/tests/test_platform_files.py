@@ -1,9 +1,5 @@
-"""Holds the device's build, init and policy files against the daemon's code.
-
-Every property, path, binder service and program the daemon's sources name is
-covered by the init file and the policy, and everything those files name is
-used by the code, so that neither side can change alone.
-"""
+"""Holds the device's build, init and policy files against the daemon's code,
+so that neither side can change alone."""
 import os
 import re
 import unittest
@@ -12,15 +8,10 @@ ANDROID = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 TOP = os.path.dirname(ANDROID)
 SEPOLICY = os.path.join(ANDROID, "sepolicy")
 
-# Sources that never go on a device, with the reason.
-HOST_ONLY = {
-    "platform/HostLog.cpp": "host log format (liblog on a device)",
-    "platform/PropertyStore.cpp": "file-per-property store (libcutils on a device)",
-    "platform/WriteAll.cpp": "helper of the two above",
-    "platform/binder/": "binder over Unix sockets (libbinder on a device)",
-    "stats/StatsFileBuilder.cpp": "builds statistics files for tests and vekstatd",
-    "tools/vekstatd/": "host stand-in for the kernel module",
-}
+# Never on a device: the host stand-ins for liblog, libcutils, libbinder and
+# the kernel module, and the statistics-file builder of tests and vekstatd.
+HOST_ONLY = ("platform/HostLog.cpp", "platform/PropertyStore.cpp", "platform/WriteAll.cpp",
+             "platform/binder/", "stats/StatsFileBuilder.cpp", "tools/vekstatd/")
 NOT_DAEMON = {"android", "build", "cmake", "fuzz", "samples", "scripts", "testbed", "tests"}
 
 
@@ -130,13 +121,13 @@ class PlatformFilesTest(unittest.TestCase):
         for src in built:
             self.assertTrue(os.path.isfile(os.path.join(TOP, src)), src)
         for src in self.device_srcs:
-            self.assertFalse([h for h in HOST_ONLY if src.startswith(h)], src)
+            self.assertFalse(src.startswith(HOST_ONLY), src)
         for folder, dirs, files in os.walk(TOP):
             rel = os.path.relpath(folder, TOP)
             dirs[:] = [d for d in dirs if not d.startswith(".") and d not in NOT_DAEMON | {"bench"}]
             for f in files:
                 src = os.path.normpath(os.path.join(rel, f))
-                if f.endswith(".cpp") and not [h for h in HOST_ONLY if src.startswith(h)]:
+                if f.endswith(".cpp") and not src.startswith(HOST_ONLY):
                     self.assertIn(src, self.device_srcs, "a daemon source the device build lacks")
 
 
