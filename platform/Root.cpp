@@ -7,7 +7,9 @@ namespace vekd::platform {
 namespace {
 
 std::string readRootFromEnvironment() {
-#ifdef __ANDROID__
+    // A device's daemon always uses "/"; only the device test build lets
+    // VEKD_ROOT point the code at a temporary tree.
+#if defined(__ANDROID__) && !defined(VEKD_ROOT_FROM_ENVIRONMENT)
     return "";
 #else
     const char* env = std::getenv("VEKD_ROOT");

@@ -2,7 +2,8 @@
 # Installs what is missing, then builds and runs every test: once in a normal
 # build and once under the address and undefined-behaviour sanitizers; the
 # tests that run threads against each other (label "threads") run a third time
-# under the thread sanitizer; then the fuzz targets and a short soak run.
+# under the thread sanitizer; the unit tests of the arm64 and 32-bit ARM
+# cross builds run under qemu-user; then the fuzz targets and a short soak run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,6 +25,16 @@ echo "=== tsan build ==="
 scripts/build.sh tsan
 echo "=== tsan tests ==="
 ctest --test-dir build/tsan --output-on-failure -j"$(nproc)" --timeout 300 -L threads || status=1
+
+# The ARM builds: only the unit tests, each program under qemu-user.
+for flavour in arm64 armhf; do
+  start=$SECONDS
+  echo "=== $flavour build ==="
+  scripts/build.sh "$flavour"
+  echo "=== $flavour unit tests (qemu-user) ==="
+  ctest --test-dir "build/$flavour" --output-on-failure -j"$(nproc)" --timeout 300 || status=1
+  echo "$flavour: build and unit tests took $((SECONDS - start)) s"
+done
 
 # Robustness: each fuzz target for a share of a minute (clang tree
 # build/fuzz), then a one-minute soak of the normal build on the testbed.

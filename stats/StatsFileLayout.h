@@ -40,8 +40,10 @@ struct VekStatsSample {
 };
 
 static_assert(sizeof(VekStatsHeader) == kVekStatsSlotSize, "header is one slot");
+static_assert(offsetof(VekStatsHeader, magic) == 0, "magic at byte 0");
 static_assert(offsetof(VekStatsHeader, writeIndex) == 8, "writeIndex at byte 8");
 static_assert(sizeof(VekStatsSample) == kVekStatsSlotSize, "sample is one slot");
+static_assert(offsetof(VekStatsSample, timestampMs) == 0, "timestampMs at byte 0");
 static_assert(offsetof(VekStatsSample, bytes) == 8, "bytes at byte 8");
 static_assert(offsetof(VekStatsSample, aux) == 12, "aux at byte 12");
 static_assert(offsetof(VekStatsSample, kind) == 14, "kind at byte 14");

@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <sys/time.h>
 
+#include <cinttypes>
 #include <cstdint>
 
 #include "config/Parameters.h"
@@ -23,6 +24,16 @@ struct WalkBounds {
     int64_t minWindowMs;
     int64_t maxBytes;
 };
+
+// Whether `now` lies more than `staleMs` after `timestampMs`, exactly for
+// every pair of values (no type here is wide enough for timestampMs +
+// staleMs, and 32-bit targets have no 128-bit integer).
+bool olderThan(uint64_t now, uint64_t timestampMs, int64_t staleMs) {
+    if (now >= timestampMs) return staleMs < 0 || now - timestampMs > static_cast<uint64_t>(staleMs);
+    // A sample from the future: stale only when the bound itself is negative
+    // and reaches further back than the sample is ahead.
+    return staleMs < 0 && static_cast<uint64_t>(-(staleMs + 1)) + 1 > timestampMs - now;
+}
 
 }  // namespace
 
@@ -65,8 +76,8 @@ unsigned int VekStatsData::linkRateEstimate(unsigned int* sampleCount, const cha
         uint32_t current = writeIndex == 0 ? kVekStatsRingSlots : writeIndex;
         cursor = slot(current);
         if (gDebugLogEnabled) {
-            __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s:Entry(%u):%lu,%u,%u,%u,%u", label(),
-                                current - 1, static_cast<unsigned long>(cursor->timestampMs),
+            __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s:Entry(%u):%" PRIu64 ",%u,%u,%u,%u", label(),
+                                current - 1, cursor->timestampMs,
                                 cursor->bytes, cursor->aux, cursor->kind, cursor->flag);
         }
 
@@ -87,10 +98,7 @@ unsigned int VekStatsData::linkRateEstimate(unsigned int* sampleCount, const cha
                 const uint64_t curTs = cur->timestampMs;
                 const uint32_t curBytes = cur->bytes;
                 if (curBytes == 0) break;
-                if (static_cast<__int128>(now) >
-                    static_cast<__int128>(curTs) + bounds.staleMs) {
-                    break;
-                }
+                if (olderThan(now, curTs, bounds.staleMs)) break;
                 if (static_cast<int64_t>(totalBytes) >= bounds.maxBytes) break;
 
                 if (cur->kind != kVekSampleCounted || cur->flag != 0) {
@@ -132,8 +140,8 @@ unsigned int VekStatsData::linkRateEstimate(unsigned int* sampleCount, const cha
     }
 
     if (gDebugLogEnabled) {
-        __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s:%s:%u, size:%lu, timeLen:%u interface:%s  -\n",
-                            label(), kFn, result, static_cast<unsigned long>(totalBytes), totalMs,
+        __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s:%s:%u, size:%" PRIu64 ", timeLen:%u interface:%s  -\n",
+                            label(), kFn, result, totalBytes, totalMs,
                             iface ? iface : "");
     }
     return result;

@@ -1,4 +1,5 @@
 // Link rate estimation over rings built in memory, and the rate history.
+#include <climits>
 #include <vector>
 
 #include "stats/tests/StatsTestBase.h"
@@ -76,6 +77,21 @@ TEST_F(EstimatorTest, StaleBoundIsInclusiveAndNowIsOneMillisecondAhead) {
         ring.clear();
         fillSteady(ring, 2, 10, 1024, newest);
         EXPECT_EQ(estimate().second, expected) << "newest sample at now - " << kNowMs - newest;
+    }
+    // Bounds and stamps at the ends of their ranges compare exactly: a sum
+    // that overflows 64 bits is not stale, and a negative bound reaches back
+    // over a sample stamped in the future.
+    struct Case {
+        uint64_t newest;
+        int staleMs;
+        unsigned expected;
+    };
+    for (const Case& c : {Case{UINT64_MAX - 5, INT_MAX, 1}, Case{kNowMs + 10, -5, 1},
+                          Case{kNowMs + 10, -10, 0}, Case{kNowMs + 10, INT_MIN, 0}}) {
+        set(OPER_MINI_STALE_INTERVAL, c.staleMs);
+        ring.clear();
+        fillSteady(ring, 2, 10, 1024, c.newest);
+        EXPECT_EQ(estimate().second, c.expected) << c.newest << " " << c.staleMs;
     }
 }
 

@@ -15,7 +15,11 @@ namespace vekd::test {
 void makeDirs(const std::string& path) { std::filesystem::create_directories(path); }
 
 TempRoot::TempRoot() {
+#ifdef __ANDROID__
+    char tmpl[] = "/data/local/tmp/vekd-test-XXXXXX";  // a device has no /tmp
+#else
     char tmpl[] = "/tmp/vekd-test-XXXXXX";
+#endif
     if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
     m_path = tmpl;
     if (const char* prev = getenv("VEKD_ROOT")) {

@@ -1,0 +1,6 @@
+# 32-bit ARM processes (long and pointers are 32 bits): Debian's
+# arm-linux-gnueabihf cross compiler, tests under qemu.
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(VEKD_TRIPLET arm-linux-gnueabihf)
+set(VEKD_QEMU qemu-arm)
+include(${CMAKE_CURRENT_LIST_DIR}/CrossLinux.cmake)
