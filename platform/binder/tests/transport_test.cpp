@@ -4,7 +4,6 @@
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -16,6 +15,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "platform/binder/HostBinder.h"
@@ -153,6 +153,19 @@ class ServiceTest : public BinderTest {
     sp<IBinder> m_binder;
 };
 
+TEST_F(ServiceTest, OneWayCallsGetNoReply) {
+    EXPECT_EQ(m_binder->transact(7, Parcel(), nullptr, IBinder::FLAG_ONEWAY), NO_ERROR);
+    EXPECT_TRUE(m_service->waitFor([&] { return m_service->m_codes.size() == 1; }));
+    // On the wire: the first reply after a one-way request belongs to the ping that followed it.
+    RawSocket peer(vekd::binder::socketPath("echo"), false);
+    std::vector<uint8_t> bytes = frame(8, IBinder::FLAG_ONEWAY), ping = frame(IBinder::PING_TRANSACTION, 0);
+    bytes.insert(bytes.end(), ping.begin(), ping.end());
+    ASSERT_TRUE(peer.send(bytes));
+    EXPECT_TRUE(peer.pingAnswered());
+    std::lock_guard<std::mutex> lock(m_service->m_mutex);
+    EXPECT_EQ(m_service->m_codes, (std::vector<uint32_t>{7, 8, IBinder::PING_TRANSACTION}));
+}
+
 TEST_F(ServiceTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheServiceIsGone) {
     EXPECT_EQ(m_binder->getInterfaceDescriptor(), String16("vekd.test.IEcho"));
     Parcel data, reply;
@@ -178,34 +191,19 @@ TEST_F(ServiceTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheServic
     EXPECT_EQ(names[0], String16("echo"));
 
     int sockets = 0;  // listener, both ends of the connection
-    DIR* dir = opendir("/proc/self/fd");
-    while (struct dirent* entry = readdir(dir)) {
-        const int fd = atoi(entry->d_name);
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(entry.path().filename());
         struct stat st;
-        if (fd <= 2 || fd == dirfd(dir) || fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
+        if (fd <= 2 || fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
         ++sockets;
         EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "socket fd " << fd;
     }
-    closedir(dir);
     EXPECT_GE(sockets, 3);
 
-    vekd::binder::resetForTesting();
+    vekd::binder::resetForTesting();  // the service is gone
     EXPECT_EQ(m_binder->pingBinder(), DEAD_OBJECT);
     EXPECT_FALSE(m_binder->isBinderAlive());
     EXPECT_EQ(defaultServiceManager()->checkService(String16("echo")), nullptr);
-}
-
-TEST_F(ServiceTest, OneWayCallsGetNoReply) {
-    EXPECT_EQ(m_binder->transact(7, Parcel(), nullptr, IBinder::FLAG_ONEWAY), NO_ERROR);
-    EXPECT_TRUE(m_service->waitFor([&] { return m_service->m_codes.size() == 1; }));
-    // On the wire: the first reply after a one-way request belongs to the ping that followed it.
-    RawSocket peer(vekd::binder::socketPath("echo"), false);
-    std::vector<uint8_t> bytes = frame(8, IBinder::FLAG_ONEWAY), ping = frame(IBinder::PING_TRANSACTION, 0);
-    bytes.insert(bytes.end(), ping.begin(), ping.end());
-    ASSERT_TRUE(peer.send(bytes));
-    EXPECT_TRUE(peer.pingAnswered());
-    std::lock_guard<std::mutex> lock(m_service->m_mutex);
-    EXPECT_EQ(m_service->m_codes, (std::vector<uint32_t>{7, 8, IBinder::PING_TRANSACTION}));
 }
 
 TEST_F(ServiceTest, SixteenTransactionsRunAtOnceAndNoMore) {
