@@ -95,24 +95,24 @@ TEST_F(RatiosTest, SharesOfOneTurn) {
         std::vector<float> shares;
         int reported;
     } cases[] = {
-        {"no link", 0, 0, 0, {}, kMetered, 0, 0, 0, {}, 0},
-        {"below the threshold metered links fill up", 4000, 0, 0,
+        {"no link", 1600, 100, 100, {}, kMetered, 0, 0, 0, {}, 0},
+        {"below the threshold metered links fill up", 4000, 100, 100,
          {{"wlan0", false, 3000}, {"rmnet0", true, 1000}}, kMetered, 1000, 3000, 3000, {0.25f, 0.75f}, 1},
-        {"above it only unmetered links carry", 2000, 0, 0,
+        {"above it only unmetered links carry; one alone is never reset", 2000, 0, 0,
          {{"wlan0", false, 3000}, {"rmnet0", true, 1000}}, kUnmetered, 1000, 3000, 3000, {0.0f, 1.0f}, 1},
-        {"a dominant link gets the fixed share above the reset threshold", 0, 70, 80,
+        {"a dominant link gets the fixed share above the reset threshold", 1600, 70, 80,
          {{"wlan0", false, 900}, {"wlan1", false, 100}, {"ghost", false, 0, 0.42f, false}}, kUnmetered, 0, 1000, 900,
          {0.42f, 0.7f, 0.3f}, -1},
-        {"dominance 0.9 is not above 90 %: shares follow the rates", 0, 70, 90,
+        {"dominance 0.9 is not above 90 %: shares follow the rates", 1600, 70, 90,
          {{"wlan0", false, 900}, {"wlan1", false, 100}, {"ghost", false, 0, 0.42f, false}}, kUnmetered, 0, 1000, 900,
          {0.42f, 0.9f, 0.1f}, -1},
-        {"the remainder goes to the link without estimate", 1000, 0, 0,
+        {"the remainder goes to the link without estimate", 1000, 100, 100,
          {{"wlan0", false, 0}, {"wlan1", false, 500}}, kMetered, 0, 500, 500, {0.5f, 0.5f}, -1},
-        {"the remainder in equal parts", 1000, 0, 0,
+        {"the remainder in equal parts", 1000, 100, 100,
          {{"wlan0", false, 0}, {"wlan1", false, 400}, {"rmnet0", true, 0}}, kMetered, 0, 400, 400, {0.3f, 0.3f, 0.4f}, -1},
         // Every r is 0: the remainder goes to the link without an estimate,
         // not to one whose share merely is 0; the other shares stay.
-        {"unknown mode", 0, 0, 0, {{"wlan0", false, 700, 0.6f}, {"wlan1", false, 0}, {"wlan2", false, 300}},
+        {"unknown mode", 1600, 100, 100, {{"wlan0", false, 700, 0.6f}, {"wlan1", false, 0}, {"wlan2", false, 300}},
          static_cast<VEK_ratio_calc_process>(7), 0, 1000, 700, {0.6f, 1.0f / 3, 0.0f}, 1},
     };
     for (const auto& c : cases) {
@@ -231,7 +231,9 @@ TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
     ASSERT_TRUE(stats()->initMmap());
     auto& records = stats()->m_linkStatsMap;
 
+    gDebugLogEnabled = 1;
     stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_TRUE(log.contains(" VEK_RATIO : iface=wlan0, LRE= 1000, PktCnt= 19, Max= 1000, metered =0 "));
     auto lreAndCount = [&](const char* name) { return std::make_pair(records[name]->lre, records[name]->pktCnt); };
     EXPECT_EQ(lreAndCount("wlan0"), std::make_pair(1000u, 19u));
     EXPECT_EQ(lreAndCount("wlan1"), std::make_pair(0u, 3u));
