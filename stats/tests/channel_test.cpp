@@ -56,8 +56,10 @@ TEST_F(ChannelTest, EnableConfiguresMapsAndStartsThenDisableUnmapsAndStops) {
         EXPECT_EQ(st.st_size, 20480);
     }
 
+    gDebugLogEnabled = 1;
     ASSERT_TRUE(stats()->enableVEK(false));
     EXPECT_EQ(drain(fifo), cmd("enable=0"));
+    EXPECT_TRUE(log.contains("writeStatsConfFile:enable=0"));
     EXPECT_TRUE(stats()->m_linkStatsMap.empty());
     EXPECT_FALSE(mapped("wlan0"));
 
