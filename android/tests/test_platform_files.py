@@ -124,7 +124,9 @@ class PlatformFilesTest(unittest.TestCase):
             self.assertFalse(src.startswith(HOST_ONLY), src)
         for folder, dirs, files in os.walk(TOP):
             rel = os.path.relpath(folder, TOP)
-            dirs[:] = [d for d in dirs if not d.startswith(".") and d not in NOT_DAEMON | {"bench"}]
+            # build trees (build/, build-*/) hold generated sources of their own
+            dirs[:] = [d for d in dirs
+                       if not d.startswith((".", "build")) and d not in NOT_DAEMON | {"bench"}]
             for f in files:
                 src = os.path.normpath(os.path.join(rel, f))
                 if f.endswith(".cpp") and not src.startswith(HOST_ONLY):
