@@ -231,6 +231,51 @@ void NuvManager::notifyWlanHasInternet(bool hasInternet) {
     m_iptables->update_NUV_iptables_for_DNS(chosen->name, oldServer, const_cast<char*>(newServer));
 }
 
+void NuvManager::copyDnsSelection(std::string* iface, std::string* server) const {
+    iface->assign(m_dnsIface != nullptr ? m_dnsIface->name : "");
+    server->assign(m_dnsServer != nullptr ? m_dnsServer : "");
+}
+
+void NuvManager::snapshot(vekd::report::Snapshot* out) {
+    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+    if (m_params != nullptr) out->runState = m_params->m_runState.load();
+    out->cleanedUp = m_cleanedUp;
+    if (m_cleanedUp) return;
+    {
+        // Only copies under the statistics lock: the evaluation waits for it.
+        std::lock_guard<std::mutex> config(s_configMutex);
+        StatsLock stats(m_stats);
+        if (m_params != nullptr) {
+            for (const auto& [name, info] : m_params->m_interfaceMap) {
+                if (info == nullptr) continue;
+                out->interfaces.push_back({name, info->routeTable, info->fwmark, info->metered,
+                                           info->isDefault, info->cost, info->bias, info->dnsServer});
+            }
+            out->config = m_params->configValues();
+        }
+        if (m_stats != nullptr) {
+            const std::map<std::string, float>& installed = m_iptables->installedShares();
+            for (const auto& [name, record] : m_stats->m_linkStatsMap) {
+                if (record == nullptr) continue;
+                vekd::report::LinkRow link;
+                link.name = name;
+                link.measured = record->statsData != nullptr;
+                link.estimate = record->lre;
+                link.historyMax = record->history.maxRate;
+                link.historyLength = static_cast<uint32_t>(record->history.rates.size());
+                link.samples = record->pktCnt;
+                link.computedShare = record->interfaceRatio;
+                auto share = installed.find(name);
+                if (share != installed.end()) link.installedShare = share->second;
+                out->links.push_back(std::move(link));
+            }
+        }
+    }
+    RuleLock rules;
+    for (const auto& [uid, mode] : m_uidModes) out->uids.push_back({uid, static_cast<int32_t>(mode)});
+    copyDnsSelection(&out->dnsInterface, &out->dnsServer);
+}
+
 std::map<std::string, NuvMode> NuvManager::uidModes() {
     RuleLock rules;
     return m_uidModes;

@@ -10,6 +10,7 @@
 
 #include "config/InterfaceInfo.h"
 #include "config/NuvMode.h"
+#include "report/Snapshot.h"
 
 class IptablesManager;
 class Parameters;
@@ -32,6 +33,10 @@ class NuvManager {
     void removeRuleForUid(int uid, int mode);
     void notifyWlanHasInternet(bool hasInternet);
 
+    // The operator's report: copies what it shows under the locks of its
+    // owners (lifetime, configuration, statistics, then rule lock).
+    void snapshot(vekd::report::Snapshot* out);
+
     // For tests: the recorded mode of every UID, and the DNS selection.
     std::map<std::string, NuvMode> uidModes();
     const InterfaceInfo_t* dnsInterface() const { return m_dnsIface; }
@@ -45,6 +50,9 @@ class NuvManager {
     void changeUid(int uid, int mode,
                    const std::function<void(const std::string&, const NuvMode*)>& change);
     NuvManager& operator=(const NuvManager&) = delete;
+    // The DNS selection's interface name and server, empty when none; the
+    // caller holds the rule lock.
+    void copyDnsSelection(std::string* iface, std::string* server) const;
 
     IptablesManager* m_iptables = nullptr;
     VekStatsImpl* m_stats = nullptr;
