@@ -99,12 +99,11 @@ std::string transactionName(uint32_t code) {
         case 3: return "notifyWlanInetNuv";
         case 4: return "updateIfaceParamNuv";
         case 5: return "notifyIfaceParamReadyNuv";
-        default: break;
+        case 0x5f504e47: return "ping";       // '_PNG'
+        case 0x5f4e5446: return "interface";  // '_NTF'
+        case 0x5f444d50: return "dump";       // '_DMP'
+        default: return std::to_string(code);
     }
-    // The platform's codes are four packed characters.
-    std::string name;
-    for (int shift = 24; shift >= 0; shift -= 8) name += static_cast<char>((code >> shift) & 0xff);
-    return name;
 }
 
 void appendInterfaces(std::string* out, const Snapshot& s) {

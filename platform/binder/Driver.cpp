@@ -279,6 +279,9 @@ void Driver::readFrom(const std::shared_ptr<Connection>& conn, int64_t now) {
         }
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+        if (n < 0 && errno == EBADMSG) {
+            ALOGW("closing a connection that sent more than %zu descriptors at once", wire::kMaxFdsPerFrame);
+        }
         if (n == 0 && !conn->buf.empty()) {
             ALOGW("closing a connection that ended in the middle of a frame");
         }
@@ -313,8 +316,9 @@ bool Driver::dispatchIfComplete(const std::shared_ptr<Connection>& conn) {
     fds.offsets = wire::findWireFdObjects(conn->buf.data() + wire::kRequestHeaderBytes,
                                           frameBytes - wire::kRequestHeaderBytes);
     if (misplaced || fds.offsets.size() != fds.fds.size()) {
-        ALOGW("closing a connection whose frame brought %zu descriptors for %zu objects",
-              fds.fds.size(), fds.offsets.size());
+        ALOGW("closing a connection whose frame's descriptors do not match its parcel "
+              "(%zu descriptors%s, %zu objects)",
+              fds.fds.size(), misplaced ? " not all with the first byte" : "", fds.offsets.size());
         closeConnection(conn->fd);
         return false;
     }

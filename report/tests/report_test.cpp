@@ -42,7 +42,7 @@ TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
           "  wlan0        yes       963            1000              5        120      0.600           0.500\n",
           "  rmnet_data0  no        0              0                 0        0        0.000           -\n",
           "  10123  1\n", "dns: wlan0 server 192.168.1.1\n", "  evaluation_turns 7\n",
-          " updateUidNuv=3 _DMP=1 other=0\n", "  interface_0=a?b\n"}) {
+          " updateUidNuv=3 dump=1 other=0\n", "  interface_0=a?b\n"}) {
         EXPECT_NE(off.find(expected), std::string::npos) << expected << "\nin\n" << off;
     }
     EXPECT_EQ(off.find("health"), std::string::npos);
