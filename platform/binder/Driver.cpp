@@ -319,6 +319,8 @@ bool Driver::dispatchIfComplete(const std::shared_ptr<Connection>& conn) {
         ALOGW("closing a connection whose frame's descriptors do not match its parcel "
               "(%zu descriptors%s, %zu objects)",
               fds.fds.size(), misplaced ? " not all with the first byte" : "", fds.offsets.size());
+        // Closed before the connection, so the peer never sees the end first.
+        fds.closeAll();
         closeConnection(conn->fd);
         return false;
     }
