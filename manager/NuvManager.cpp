@@ -240,10 +240,12 @@ void NuvManager::snapshot(vekd::report::Snapshot* out) {
     std::shared_lock<std::shared_mutex> life(s_lifeMutex);
     if (m_params != nullptr) out->runState = m_params->m_runState.load();
     out->cleanedUp = m_cleanedUp;
-    if (m_cleanedUp) return;
     {
-        // Only copies under the statistics lock: the evaluation waits for it.
         std::lock_guard<std::mutex> config(s_configMutex);
+        if (m_params != nullptr) out->config = m_params->configValues();
+        // Switched off: no rules, no statistics, nothing steered.
+        if (m_cleanedUp) return;
+        // Only copies under the statistics lock: the evaluation waits for it.
         StatsLock stats(m_stats);
         if (m_params != nullptr) {
             for (const auto& [name, info] : m_params->m_interfaceMap) {
@@ -251,7 +253,6 @@ void NuvManager::snapshot(vekd::report::Snapshot* out) {
                 out->interfaces.push_back({name, info->routeTable, info->fwmark, info->metered,
                                            info->isDefault, info->cost, info->bias, info->dnsServer});
             }
-            out->config = m_params->configValues();
         }
         if (m_stats != nullptr) {
             const std::map<std::string, float>& installed = m_iptables->installedShares();
