@@ -48,6 +48,8 @@ class Vekd : public BnVekd {
     int notifyWlanInetNuv(bool hasInternet) override;
     int updateIfaceParamNuv(int index, std::string params) override;
     int notifyIfaceParamReadyNuv() override;
+    // The operator's report, written to `fd`.
+    android::status_t dump(int fd, const android::Vector<android::String16>& args) override;
 
   private:
     NuvManager* m_manager;

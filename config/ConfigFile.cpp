@@ -102,6 +102,26 @@ std::string rttServerForCountry(const char* given) {
 
 }  // namespace
 
+std::vector<std::pair<std::string, std::string>> Parameters::configValues() const {
+    std::vector<std::pair<std::string, std::string>> values;
+    for (const KeyEntry& entry : kKeys) {
+        // The main loop rewrites it from the property every turn.
+        if (entry.operSlot == OPER_VEK_ENABLED) continue;
+        std::string text;
+        if (entry.operSlot >= 0) {
+            text = std::to_string(m_operParams[entry.operSlot]);
+        } else if (entry.integer != nullptr) {
+            text = std::to_string(this->*entry.integer);
+        } else if (entry.ifaceSlot >= 0) {
+            text = m_ifaceParams[entry.ifaceSlot];
+        } else {
+            text = this->*entry.text;
+        }
+        values.emplace_back(entry.key, std::move(text));
+    }
+    return values;
+}
+
 void Parameters::readVekdConfFile(const char* path) {
     std::ifstream in(vekd::platform::rootedPath(path));
     if (!in.is_open()) {

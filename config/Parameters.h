@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config/InterfaceInfo.h"
@@ -63,6 +64,10 @@ class Parameters {
     void printGamingParams();
     char* getStatsProtocols(char* buf, size_t size);
     char* getStatsPorts(char* buf, size_t size);
+
+    // Every configuration key but "VEKEnabled" (which follows the property)
+    // with the text of its value in force, in the file's key order.
+    std::vector<std::pair<std::string, std::string>> configValues() const;
 
     // --- The store's contents, in declaration order. ---
     std::vector<std::string> m_gamingUidVec;

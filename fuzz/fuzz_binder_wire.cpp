@@ -1,13 +1,17 @@
 // The host binder transport over arbitrary bytes. The input is the byte
 // stream a client writes on a service socket: it is cut into frames and
 // parcels in-process, and the same bytes go to a real service of this
-// process over its socket. Every reply must be one well-formed frame, no
-// more replies may come than complete requests went in, and the service
-// must close the connection once the client has finished sending.
+// process over its socket, the first byte carrying as many copies of a
+// pipe's write end as bits 8-9 of the first frame's flags say. Every reply
+// must be one well-formed frame, no more replies may come than complete
+// requests went in, the service must close the connection once the client
+// has finished sending, and by then it must have closed every descriptor
+// it received.
 #include <binder/Binder.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -50,6 +54,11 @@ class EchoService : public android::BBinder {
                 return reply->writeString8(data.readString8());
             case 4:
                 return reply->appendFrom(&data, 0, data.dataSize());
+            case 5:
+                for (int fd = data.readFileDescriptor(); fd >= 0; fd = data.readFileDescriptor()) {
+                    reply->writeInt32(fcntl(fd, F_GETFD));
+                }
+                return android::NO_ERROR;
             default:
                 return android::BBinder::onTransact(code, data, reply, flags);
         }
@@ -85,7 +94,7 @@ void decodeParcel(const uint8_t* bytes, size_t size, uint32_t code) {
                 p.readUtf8FromUtf16(&utf8);
                 break;
             }
-            case 6: p.readFloat(); break;
+            case 6: p.readFloat(); p.readFileDescriptor(); break;
         }
     }
 }
@@ -139,8 +148,33 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // libFuzzer's timeout alarm interrupts system calls now and then.
     int fd = connectService();
+    int pipeFds[2];
+    FUZZ_CHECK(pipe2(pipeFds, O_CLOEXEC) == 0);
+    const size_t fdCount = size >= 12 ? (data[9] & 3) : 0;
     // The service may close early (a bad length); later bytes then go nowhere.
     size_t sent = 0;
+    if (fdCount > 0) {
+        const int fds[3] = {pipeFds[1], pipeFds[1], pipeFds[1]};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(fds))] = {};
+        iovec iov = {const_cast<uint8_t*>(data), 1};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = CMSG_SPACE(sizeof(int) * fdCount);
+        cmsghdr* c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
+        memcpy(CMSG_DATA(c), fds, sizeof(int) * fdCount);
+        ssize_t n;
+        do {
+            n = sendmsg(fd, &msg, MSG_NOSIGNAL);
+        } while (n < 0 && errno == EINTR);
+        FUZZ_CHECK(n == 1);
+        sent = 1;
+    }
+    close(pipeFds[1]);
     while (sent < size) {
         ssize_t n = send(fd, data + sent, size - sent, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
@@ -168,6 +202,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         in.insert(in.end(), chunk, chunk + n);
     }
     close(fd);
+
+    // Every copy of the write end is gone: the reader sees the end. (Copies
+    // the service never read are released by the kernel just after the
+    // connection ends, hence the grace.)
+    struct pollfd ended = {pipeFds[0], POLLIN, 0};
+    char byte;
+    FUZZ_CHECK(poll(&ended, 1, 2000) == 1 && read(pipeFds[0], &byte, 1) == 0);
+    close(pipeFds[0]);
 
     size_t replies = 0;
     size_t pos = 0;

@@ -115,6 +115,19 @@ write("fuzz_binder_wire", "truncated", frame(1, token("vekd.fuzz"))[:-6])
 write("fuzz_binder_wire", "too_long", struct.pack("<III", 2 << 20, 1, 0))
 
 
+# Bits 8-9 of the first frame's flags: descriptors sent with its first byte.
+def fd_object(index):
+    return struct.pack("<IIIIQ", 0x66642A85, 0x17F, index, 0, 0)
+
+
+DMP = 0x5F444D50
+write("fuzz_binder_wire", "dump_with_fd",
+      frame(DMP, fd_object(0) + struct.pack("<i", 1) + string16("--help"), flags=0x100))
+write("fuzz_binder_wire", "two_fds", frame(5, fd_object(0) + fd_object(1), flags=0x200) + frame(PING, b""))
+write("fuzz_binder_wire", "fd_without_object", frame(5, b"", flags=0x100))
+write("fuzz_binder_wire", "object_without_fd", frame(5, fd_object(0)))
+
+
 # --- vekd transactions --------------------------------------------------
 def tx(code, parcel):
     return struct.pack("<BH", code - 1, len(parcel)) + parcel

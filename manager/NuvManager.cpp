@@ -14,6 +14,7 @@
 #include "daemon/DebugFlag.h"
 #include "linkhealth/LinkMonitor.h"
 #include "platform/ChangeWaiter.h"
+#include "report/LinkHealth.h"
 #include "rules/IptablesManager.h"
 #include "stats/VekStatsImpl.h"
 
@@ -74,7 +75,10 @@ NuvManager* NuvManager::instance() {
 }
 
 // Its thread calls back into the manager: it ends before anything else goes.
-NuvManager::~NuvManager() { m_linkMonitor->stop(); }
+NuvManager::~NuvManager() {
+    vekd::report::setLinkHealthSource(nullptr);
+    m_linkMonitor->stop();
+}
 
 void NuvManager::resetForTesting() {
     delete s_instance;
@@ -166,6 +170,7 @@ void NuvManager::cleanup() {
     m_cleanedUp = true;
     life.unlock();
     m_linkMonitor->stop();
+    vekd::report::setLinkHealthSource(nullptr);
 }
 
 void NuvManager::changeUid(int uid, int mode,
@@ -285,6 +290,15 @@ void NuvManager::startLinkMonitor() {
     }
     if (settings.enabled()) m_stats->setDownLinks({});
     m_linkMonitor->start(settings, links);
+    if (!settings.enabled()) return;
+    // The operator's report shows each link's health while the monitor runs.
+    vekd::report::setLinkHealthSource([monitor = m_linkMonitor.get()] {
+        std::map<std::string, vekd::report::LinkHealth> health;
+        for (const auto& link : monitor->snapshot()) {
+            health[link.name] = {link.up, link.smoothedRttMs, static_cast<uint32_t>(link.lostInRow)};
+        }
+        return health;
+    });
 }
 
 void NuvManager::onLinkHealthChange() {
@@ -304,6 +318,52 @@ void NuvManager::onLinkHealthChange() {
         }
     }
     if (dnsMoves) notifyWlanHasInternet(hasInternet != 0);
+}
+
+void NuvManager::copyDnsSelection(std::string* iface, std::string* server) const {
+    iface->assign(m_dnsIface != nullptr ? m_dnsIface->name : "");
+    server->assign(m_dnsServer != nullptr ? m_dnsServer : "");
+}
+
+void NuvManager::snapshot(vekd::report::Snapshot* out) {
+    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+    if (m_params != nullptr) out->runState = m_params->m_runState.load();
+    out->cleanedUp = m_cleanedUp;
+    {
+        std::lock_guard<std::mutex> config(s_configMutex);
+        if (m_params != nullptr) out->config = m_params->configValues();
+        // Switched off: no rules, no statistics, nothing steered.
+        if (m_cleanedUp) return;
+        // Only copies under the statistics lock: the evaluation waits for it.
+        StatsLock stats(m_stats);
+        if (m_params != nullptr) {
+            for (const auto& [name, info] : m_params->m_interfaceMap) {
+                if (info == nullptr) continue;
+                out->interfaces.push_back({name, info->routeTable, info->fwmark, info->metered,
+                                           info->isDefault, info->cost, info->bias, info->dnsServer});
+            }
+        }
+        if (m_stats != nullptr) {
+            const std::map<std::string, float>& installed = m_iptables->installedShares();
+            for (const auto& [name, record] : m_stats->m_linkStatsMap) {
+                if (record == nullptr) continue;
+                vekd::report::LinkRow link;
+                link.name = name;
+                link.measured = record->statsData != nullptr;
+                link.estimate = record->lre;
+                link.historyMax = record->history.maxRate;
+                link.historyLength = static_cast<uint32_t>(record->history.rates.size());
+                link.samples = record->pktCnt;
+                link.computedShare = record->interfaceRatio;
+                auto share = installed.find(name);
+                if (share != installed.end()) link.installedShare = share->second;
+                out->links.push_back(std::move(link));
+            }
+        }
+    }
+    RuleLock rules;
+    for (const auto& [uid, mode] : m_uidModes) out->uids.push_back({uid, static_cast<int32_t>(mode)});
+    copyDnsSelection(&out->dnsInterface, &out->dnsServer);
 }
 
 std::map<std::string, NuvMode> NuvManager::uidModes() {

@@ -12,6 +12,7 @@
 
 #include "config/InterfaceInfo.h"
 #include "config/NuvMode.h"
+#include "report/Snapshot.h"
 
 class IptablesManager;
 class Parameters;
@@ -37,6 +38,10 @@ class NuvManager {
     void removeRuleForUid(int uid, int mode);
     void notifyWlanHasInternet(bool hasInternet);
 
+    // The operator's report: copies what it shows under the locks of its
+    // owners (lifetime, configuration, statistics, then rule lock).
+    void snapshot(vekd::report::Snapshot* out);
+
     // For tests: the recorded mode of every UID, and the DNS selection.
     std::map<std::string, NuvMode> uidModes();
     const InterfaceInfo_t* dnsInterface() const { return m_dnsIface; }
@@ -61,6 +66,9 @@ class NuvManager {
     // or coming back changes (an evaluation turn at once, the DNS choice).
     void startLinkMonitor();
     void onLinkHealthChange();
+    // The DNS selection's interface name and server, empty when none; the
+    // caller holds the rule lock.
+    void copyDnsSelection(std::string* iface, std::string* server) const;
 
     IptablesManager* m_iptables = nullptr;
     VekStatsImpl* m_stats = nullptr;

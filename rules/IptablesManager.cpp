@@ -10,6 +10,7 @@
 #include "config/Parameters.h"
 #include "daemon/CommandRunner.h"
 #include "daemon/DebugFlag.h"
+#include "report/Counters.h"
 #include "sockdiag/SockDiag.h"
 
 pthread_mutex_t gIptablesMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -254,6 +255,8 @@ int IptablesManager::remove_NUV_FWMARK_chain_for_iface(InterfaceInfo_t* info) {
 
 int IptablesManager::set_VEK_ratio_iptables(std::map<std::string, linkStatsWrapper_t*>& stats) {
     Parameters* params = Parameters::instance();
+    vekd::report::countRuleRewrite();
+    m_installedShares.clear();
     int result = execnetd(IPTABLES "-t mangle -F kwop_VEK");
 
     // Each rule takes its share of what the rules before it left over, so the
@@ -293,6 +296,7 @@ int IptablesManager::set_VEK_ratio_iptables(std::map<std::string, linkStatsWrapp
                                     static_cast<double>(probability));
             }
             ratioSum += handle->interfaceRatio;
+            m_installedShares[name] = handle->interfaceRatio;
             result += runCommand(IPTABLES "-t mangle -A kwop_VEK --match multiport -p tcp --dports 80,443 "
                                           "-m state --state NEW -m statistic --mode random --probability %f -j %s",
                                  static_cast<double>(probability), chain);

@@ -34,6 +34,10 @@ class IptablesManager {
 
     // The probability cascade in "kwop_VEK".
     int set_VEK_ratio_iptables(std::map<std::string, linkStatsWrapper_t*>& stats);
+    // The share of each interface as the last rewrite wrote it. Read and
+    // written under the statistics engine's lock, which every rewrite's
+    // caller holds.
+    const std::map<std::string, float>& installedShares() const { return m_installedShares; }
 
     // Per-UID and DNS rules.
     void setup_NUV_UID_iptables_chains(std::map<std::string, NuvMode> uidModes);
@@ -48,4 +52,5 @@ class IptablesManager {
     IptablesManager& operator=(const IptablesManager&) = delete;
 
     Parameters* m_params;
+    std::map<std::string, float> m_installedShares;
 };

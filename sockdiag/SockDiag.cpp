@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "daemon/DebugFlag.h"
+#include "report/Counters.h"
 #include "sockdiag/NetlinkOps.h"
 
 namespace {
@@ -116,6 +117,7 @@ int killSocketsForUID(const char* uid) {
     } else {
         __android_log_print(ANDROID_LOG_ERROR, kTag, " VEK_GAMING destroying UDP sockets: %s", uid);
     }
+    vekd::report::countSocketsDestroyed(static_cast<uint64_t>(sd.socketsDestroyed()));
     return ret;
 }
 

@@ -283,8 +283,9 @@ tb_wait_ratios() {
 # Starts the monitor: live lines on standard output, a timeline of the
 # daemon's estimates, its computed shares and the installed rules.
 tb_monitor_up() {
-  tb_c "$TB_PY" "$TB_DIR/tbreport.py" monitor --log "$TB_WORK/vekd.log" \
-    --timeline "$TB_TIMELINE" --app-uid "$TB_UID_APP" --links "${TB_LINKS[@]}" &
+  tb_c env VEKD_ROOT="$TB_ROOT" "$TB_PY" "$TB_DIR/tbreport.py" monitor --log "$TB_WORK/vekd.log" \
+    --timeline "$TB_TIMELINE" --app-uid "$TB_UID_APP" --links "${TB_LINKS[@]}" \
+    --vekctl "$TB_BIN/vekctl" &
   TB_PIDS+=($!)
   TB_PID_monitor=$!
 }

@@ -13,8 +13,10 @@ around the real iptables and ip, configures the daemon through vekctl as the
 framework does, and downloads over HTTP as an enrolled application (UID
 10123) and, for contrast, as one that is not enrolled (UID 10124).
 
-Prints a line per evaluation period (each link's rate estimate and share),
-then a summary table; writes summary.txt, summary.json and picture.svg.
+Prints a line per evaluation period (each link's rate estimate, computed
+share and share in the rules, from the daemon's dump), then a summary table;
+writes summary.txt, summary.json, picture.svg and dump.txt (the daemon's
+report two seconds before the traffic ends).
 
 Scenarios:
   --slow-wlan    WLAN 1000 kbit/s, below wifi_threshold (1600): the WWAN
@@ -131,6 +133,10 @@ elif [ "$scenario" = link-dies ]; then
   echo "== rmnet_data0 restored"
   tb_blackhole off
 fi
+# The daemon's own report, two seconds before the traffic ends.
+left=$((duration - 2 - (SECONDS - t_start)))
+((left > 0)) && { sleep $left & wait $!; }
+tb_vekctl dump >"$out/dump.txt" 2>&1
 wait "$TB_PID_app" "$TB_PID_other"
 tb_mark end
 sleep 1.5  # one more sample of the counters
@@ -143,4 +149,4 @@ echo
   --app-uid "$TB_UID_APP" --other-uid "$TB_UID_OTHER" --scenario "$scenario$( ((TB_LINK_MONITOR)) || echo ', monitor off')" || exit 1
 cp "$TB_WORK/vekd.log" "$TB_WORK/timeline.jsonl" "$out/" 2>/dev/null
 echo
-echo "written: $out/summary.txt, $out/picture.svg (daemon log: $out/vekd.log)"
+echo "written: $out/summary.txt, $out/picture.svg (daemon log: $out/vekd.log, its report: $out/dump.txt)"

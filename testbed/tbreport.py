@@ -3,7 +3,8 @@
 counters while a run goes on, and afterwards turns what it saw into a summary
 table and an SVG picture.
 
-  monitor  live lines per evaluation period; writes a timeline (JSON lines)
+  monitor  live lines per evaluation period (from the daemon's dump);
+           writes a timeline (JSON lines, from its log and the rules)
   counters reads `iptables -L -v -x -n` listings from stdin, prints JSON
   report   summary table (text and JSON) and picture from a timeline
   check    asserts the end-to-end expectations on a summary
@@ -632,14 +633,41 @@ def _tick_step(span, most):
     return step
 
 
-def live_line(turn, t0, links):
-    parts = ["%6.1fs" % (turn["t"] - t0)]
+def parse_dump(text):
+    """{"turns": N, "links": {name: {column: text}}} from `vekctl dump`."""
+    out = {"turns": None, "links": {}}
+    lines = text.splitlines()
+    for i, line in enumerate(lines):
+        words = line.split()
+        if words[:1] == ["evaluation_turns"] and len(words) == 2:
+            out["turns"] = int(words[1])
+        if line.startswith("links: ") and i + 1 < len(lines):
+            titles = lines[i + 1].split()
+            for row in lines[i + 2:]:
+                # The health cell has blanks of its own: it is the last column.
+                cells = row.split(None, len(titles) - 1)
+                if not row.startswith("  ") or len(cells) != len(titles):
+                    break
+                out["links"][cells[0]] = dict(zip(titles, cells))
+    return out
+
+
+def live_line(dump, t0, links):
+    parts = ["%6.1fs" % (time.time() - t0)]
     for link in links:
-        est = turn["est"].get(link)
-        share = turn["share"].get(link)
-        parts.append("%-11s %6s kbit/s  share %s" % (
-            link, "-" if est is None else est, "-" if share is None else "%.2f" % share))
+        row = dump["links"].get(link, {})
+        part = "%-11s %6s kbit/s  share %s (rules %s)" % (
+            link, row.get("estimate_kbps", "-"), row.get("computed_share", "-"),
+            row.get("installed_share", "-"))
+        if "health" in row:
+            part += "  " + row["health"]
+        parts.append(part)
     return "  |  ".join(parts)
+
+
+def take_dump(vekctl):
+    r = subprocess.run([vekctl, "dump"], capture_output=True, text=True)
+    return parse_dump(r.stdout) if r.returncode == 0 else None
 
 
 # --- commands ----------------------------------------------------------------
@@ -674,6 +702,7 @@ def cmd_monitor(args):
     pos = 0
     next_sample = 0.0
     buf = ""
+    last_turns = None
 
     def emit(ev):
         out.write(json.dumps(ev) + "\n")
@@ -691,13 +720,17 @@ def cmd_monitor(args):
         for line in complete:
             for ev in reader.feed(line):
                 emit(ev)
-                if ev["kind"] == "turn" and ev["t"] >= t0 - 0.5:
-                    print(live_line(ev, t0, args.links), flush=True)
         now = time.monotonic()
         if now >= next_sample:
             next_sample = now + args.sample
             for ev in sample_rules(args.links, args.app_uid):
                 emit(ev)
+        # One live line per evaluation turn, as the daemon reports itself.
+        dump = take_dump(args.vekctl) if args.vekctl else None
+        if dump and dump["turns"] is not None and dump["turns"] != last_turns:
+            if last_turns is not None:
+                print(live_line(dump, t0, args.links), flush=True)
+            last_turns = dump["turns"]
         time.sleep(0.2)
     for ev in reader.close():
         emit(ev)
@@ -826,6 +859,7 @@ def main(argv):
     m.add_argument("--links", nargs="+", required=True)
     m.add_argument("--app-uid", default="10123")
     m.add_argument("--sample", type=float, default=1.0, help="seconds between rule samples")
+    m.add_argument("--vekctl", help="vekctl to take the daemon's dump with (VEKD_ROOT set)")
     sub.add_parser("counters", help="parse iptables listings from stdin")
     r = sub.add_parser("report", help="summary table and picture")
     r.add_argument("--timeline", required=True)

@@ -1,11 +1,16 @@
-// The real service on the host transport, with eight clients at once and the
-// evaluation turning beside them. Built under ThreadSanitizer too.
+// The real service on the host transport, with eight clients at once, the
+// evaluation turning and reports taken beside them. Built under
+// ThreadSanitizer too.
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "binder/VekdBind.h"
@@ -15,6 +20,33 @@
 namespace {
 
 using android::Parcel;
+using android::sp;
+using android::String16;
+
+// One dump over the socket: the report as read from the pipe, or "status N".
+// `parcel` writes what follows the descriptor; `closeReader` drops the read
+// end before the call.
+std::string takeDump(const sp<android::IBinder>& vekd, const std::function<void(Parcel&)>& parcel,
+                     bool closeReader = false) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return "no pipe";
+    fcntl(fds[1], F_SETPIPE_SZ, 1 << 20);
+    if (closeReader) close(fds[0]);
+    Parcel data, reply;
+    data.writeFileDescriptor(fds[1]);
+    parcel(data);
+    const android::status_t status = vekd->transact(android::IBinder::DUMP_TRANSACTION, data, &reply);
+    close(fds[1]);
+    if (closeReader) return "status " + std::to_string(status);
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof(buf))) > 0) text.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    return status == android::NO_ERROR ? text : "status " + std::to_string(status);
+}
+
+void noArgs(Parcel& p) { p.writeInt32(0); }
 
 TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
     vekd::test::InProcessDaemon daemon;
@@ -55,7 +87,15 @@ TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
             }
         });
     }
+    std::atomic<int> dumps{0};
+    std::thread dumper([&] {
+        sp<android::IBinder> vekd = android::defaultServiceManager()->checkService(String16("vekd"));
+        while (answered.load() < kClients * kRounds * 5) {
+            if (takeDump(vekd, noArgs).find("\ncounters since start:\n") != std::string::npos) ++dumps;
+        }
+    });
     for (std::thread& t : clients) t.join();
+    dumper.join();
     stop = true;
     loop.join();
 
@@ -66,6 +106,53 @@ TEST(VekdService, EightClientsAtOnceAreAllAnsweredWhileTheLoopEvaluates) {
     EXPECT_EQ(daemon.log.count("Vekd::notifyWlanInetNuv(0)"), static_cast<size_t>(kClients * 13));
     EXPECT_EQ(NuvManager::instance()->uidModes().size(), static_cast<size_t>(kClients));
     EXPECT_EQ(params->m_runState.load(), kRunStateConfigured);
+    EXPECT_GT(dumps.load(), 0);
+    const std::string last = takeDump(lookUp(), noArgs);
+    for (int c = 0; c < kClients; ++c) {
+        EXPECT_NE(last.find("  " + std::to_string(20000 + c) + "  0\n"), std::string::npos) << last;
+    }
+
+    vekd::binder::resetForTesting();
+}
+
+TEST(VekdService, DumpsOfAnyShapeAreAnsweredWithoutHarm) {
+    vekd::test::InProcessDaemon daemon;
+    IVekd::startBind();
+    sp<android::IBinder> vekd = android::defaultServiceManager()->checkService(String16("vekd"));
+    ASSERT_NE(vekd, nullptr);
+    const std::u16string lone = {0xd800, u'x', 0xdfff};
+    struct Case {
+        const char* what;
+        std::function<void(Parcel&)> parcel;
+        bool closeReader;
+        std::string expected;
+    } cases[] = {
+        {"huge count, no arguments", [](Parcel& p) { p.writeInt32(INT32_MAX); }, false, "vekd report\n"},
+        {"negative count", [](Parcel& p) { p.writeInt32(-5); }, false, "vekd report\n"},
+        {"unpaired surrogates",
+         [&](Parcel& p) {
+             p.writeInt32(1);
+             p.writeString16(lone.data(), lone.size());
+         },
+         false, "note: 1 unknown argument ignored: '"},
+        {"450 KiB argument",
+         [](Parcel& p) {
+             p.writeInt32(1);
+             p.writeString16(String16(std::string(450 * 1024, 'a').c_str()));
+         },
+         false, "note: 1 unknown argument ignored: '" + std::string(32, 'a') + "...'"},
+        {"damaged argument", [](Parcel& p) { p.writeInt32(2), p.writeInt32(1 << 30); }, false, "vekd report\n"},
+        {"reader gone", noArgs, true, "status " + std::to_string(android::FAILED_TRANSACTION)},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(takeDump(vekd, c.parcel, c.closeReader).rfind(c.expected, 0), 0u) << c.what;
+    }
+    // No descriptor where one belongs.
+    Parcel data, reply;
+    data.writeInt32(0);
+    EXPECT_EQ(vekd->transact(android::IBinder::DUMP_TRANSACTION, data, &reply), android::BAD_TYPE);
+    EXPECT_EQ(vekd->pingBinder(), android::NO_ERROR);
+
     vekd::binder::resetForTesting();
 }
 

@@ -79,9 +79,23 @@ status_t BBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uin
     return err;
 }
 
-status_t BBinder::onTransact(uint32_t code, const Parcel& /*data*/, Parcel* reply,
+status_t BBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                              uint32_t /*flags*/) {
     switch (code) {
+        case DUMP_TRANSACTION: {
+            const int fd = data.readFileDescriptor();
+            if (fd < 0) return BAD_TYPE;
+            const int32_t argc = data.readInt32();
+            Vector<String16> args;
+            // A damaged argument ends the list; every read consumes at least
+            // one word, so a huge count cannot keep this going.
+            for (int32_t i = 0; i < argc && data.dataAvail() > 0; ++i) {
+                String16 arg;
+                if (data.readString16(&arg) != NO_ERROR) break;
+                args.add(arg);
+            }
+            return dump(fd, args);
+        }
         case PING_TRANSACTION:
             if (reply != nullptr) reply->writeInt32(pingBinder());
             return NO_ERROR;

@@ -129,10 +129,23 @@ bool Client::probe(int32_t handle) {
     return true;
 }
 
-Client::Outcome Client::roundTrip(int fd, const std::vector<uint8_t>& request, uint32_t flags,
+Client::Outcome Client::roundTrip(int fd, const std::vector<uint8_t>& request,
+                                  const std::vector<int>& fds, uint32_t flags,
                                   android::Parcel* reply, status_t* status) {
     *status = NO_ERROR;
-    if (!sendAll(fd, request.data(), request.size())) return Outcome::kLostBeforeReply;
+    size_t first = 0;
+    if (!fds.empty()) {
+        // The descriptors ride on the frame's first byte.
+        ssize_t n;
+        do {
+            n = sys().sendWithFds(fd, request.data(), 1, fds.data(), fds.size());
+        } while (n < 0 && errno == EINTR);
+        if (n != 1) return Outcome::kLostBeforeReply;
+        first = 1;
+    }
+    if (!sendAll(fd, request.data() + first, request.size() - first)) {
+        return first == 0 ? Outcome::kLostBeforeReply : Outcome::kBroken;
+    }
     if ((flags & android::IBinder::FLAG_ONEWAY) != 0) return Outcome::kDone;
 
     uint8_t header[wire::kReplyHeaderBytes];
@@ -160,15 +173,27 @@ Client::Outcome Client::roundTrip(int fd, const std::vector<uint8_t>& request, u
 }
 
 status_t Client::transact(int32_t handle, uint32_t code, const android::Parcel& data,
-                          android::Parcel* reply, uint32_t flags) {
+                          android::Parcel* reply, uint32_t flags,
+                          const std::vector<OutgoingFd>& fds) {
     if (data.dataSize() > wire::kMaxFrameBytes - (wire::kRequestHeaderBytes - 4)) {
         ALOGE("transaction %u: parcel of %zu bytes is too long", code, data.dataSize());
+        return android::FAILED_TRANSACTION;
+    }
+    if (fds.size() > wire::kMaxFdsPerFrame) {
+        ALOGE("transaction %u: %zu descriptors, at most %zu", code, fds.size(), wire::kMaxFdsPerFrame);
         return android::FAILED_TRANSACTION;
     }
     std::vector<uint8_t> request;
     request.reserve(wire::kRequestHeaderBytes + data.dataSize());
     const uint32_t words[] = {code, flags};
     wire::appendFrame(&request, words, 2, data.data(), data.dataSize());
+    // On the wire each descriptor object carries its place in the frame.
+    std::vector<int> passed;
+    for (const OutgoingFd& object : fds) {
+        wire::putFdObject(request.data() + wire::kRequestHeaderBytes + object.offset,
+                          static_cast<uint32_t>(passed.size()), false);
+        passed.push_back(object.fd);
+    }
 
     // A pooled connection may have been closed by a service that restarted;
     // such a call is tried once more on a fresh connection.
@@ -178,7 +203,7 @@ status_t Client::transact(int32_t handle, uint32_t code, const android::Parcel& 
         int fd = takeConnection(handle, &reused, &err);
         if (fd < 0) return err;
         status_t status = NO_ERROR;
-        const Outcome outcome = roundTrip(fd, request, flags, reply, &status);
+        const Outcome outcome = roundTrip(fd, request, passed, flags, reply, &status);
         if (outcome == Outcome::kDone) {
             giveBack(handle, fd);
             return status;

@@ -13,6 +13,13 @@
 
 namespace vekd::binder {
 
+// A descriptor object of an outgoing request: where it stands in the parcel
+// bytes and the caller's descriptor.
+struct OutgoingFd {
+    size_t offset;
+    int fd;
+};
+
 class Client {
   public:
     static Client& instance();
@@ -27,7 +34,8 @@ class Client {
     bool probe(int32_t handle);
 
     android::status_t transact(int32_t handle, uint32_t code, const android::Parcel& data,
-                               android::Parcel* reply, uint32_t flags);
+                               android::Parcel* reply, uint32_t flags,
+                               const std::vector<OutgoingFd>& fds = {});
 
     // Closes the idle connections; handles stay valid.
     void closeIdleConnections();
@@ -50,8 +58,8 @@ class Client {
         kLostBeforeReply,  // the connection failed before any reply byte
         kBroken,           // the connection failed or the reply was malformed
     };
-    Outcome roundTrip(int fd, const std::vector<uint8_t>& request, uint32_t flags,
-                      android::Parcel* reply, android::status_t* status);
+    Outcome roundTrip(int fd, const std::vector<uint8_t>& request, const std::vector<int>& fds,
+                      uint32_t flags, android::Parcel* reply, android::status_t* status);
 
     std::mutex m_mutex;
     std::map<int32_t, Channel> m_channels;

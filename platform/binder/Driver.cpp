@@ -55,10 +55,18 @@ struct Connection {
     pid_t pid = -1;
     uid_t uid = static_cast<uid_t>(-1);
     std::vector<uint8_t> buf;  // bytes received and not yet handed out
+    // Descriptors received and not yet handed out, with the offset in `buf`
+    // of the first byte that came with them.
+    std::vector<std::pair<size_t, int>> fds;
     int64_t lastProgressMs = 0;
     bool busy = false;    // one of its transactions is queued or running
     bool broken = false;  // its reply could not be delivered
 };
+
+void ReceivedFds::closeAll() {
+    for (int fd : fds) sys().close(fd);
+    release();
+}
 
 struct Driver::Listener {
     int fd = -1;
@@ -243,8 +251,16 @@ void Driver::acceptAll(Listener& listener) {
 
 void Driver::readFrom(const std::shared_ptr<Connection>& conn, int64_t now) {
     uint8_t chunk[16384];
+    std::vector<int> fds;
     while (true) {
-        ssize_t n = sys().recv(conn->fd, chunk, sizeof(chunk));
+        fds.clear();
+        ssize_t n = sys().recvWithFds(conn->fd, chunk, sizeof(chunk), &fds, wire::kMaxFdsPerFrame);
+        for (int fd : fds) conn->fds.emplace_back(conn->buf.size(), fd);
+        if (conn->fds.size() > wire::kMaxFdsPerFrame) {
+            ALOGW("closing a connection that sent more than %zu descriptors", wire::kMaxFdsPerFrame);
+            closeConnection(conn->fd);
+            return;
+        }
         if (n > 0) {
             conn->buf.insert(conn->buf.end(), chunk, chunk + n);
             conn->lastProgressMs = now;
@@ -263,6 +279,9 @@ void Driver::readFrom(const std::shared_ptr<Connection>& conn, int64_t now) {
         }
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+        if (n < 0 && errno == EBADMSG) {
+            ALOGW("closing a connection that sent more than %zu descriptors at once", wire::kMaxFdsPerFrame);
+        }
         if (n == 0 && !conn->buf.empty()) {
             ALOGW("closing a connection that ended in the middle of a frame");
         }
@@ -280,6 +299,32 @@ bool Driver::dispatchIfComplete(const std::shared_ptr<Connection>& conn) {
         closeConnection(conn->fd);
         return false;
     }
+    // The frame's descriptors must all have come with its first byte, one
+    // for each descriptor object in its parcel.
+    ReceivedFds fds;
+    bool misplaced = false;
+    size_t kept = 0;
+    for (const auto& [at, fd] : conn->fds) {
+        if (at < frameBytes) {
+            misplaced = misplaced || at != 0;
+            fds.fds.push_back(fd);
+        } else {
+            conn->fds[kept++] = {at - frameBytes, fd};
+        }
+    }
+    conn->fds.resize(kept);
+    fds.offsets = wire::findWireFdObjects(conn->buf.data() + wire::kRequestHeaderBytes,
+                                          frameBytes - wire::kRequestHeaderBytes);
+    if (misplaced || fds.offsets.size() != fds.fds.size()) {
+        ALOGW("closing a connection whose frame's descriptors do not match its parcel "
+              "(%zu descriptors%s, %zu objects)",
+              fds.fds.size(), misplaced ? " not all with the first byte" : "", fds.offsets.size());
+        // Closed before the connection, so the peer never sees the end first.
+        fds.closeAll();
+        closeConnection(conn->fd);
+        return false;
+    }
+
     Work work;
     work.connection = conn;
     work.target = conn->target;
@@ -289,6 +334,7 @@ bool Driver::dispatchIfComplete(const std::shared_ptr<Connection>& conn) {
     work.callingUid = conn->uid;
     work.data.assign(conn->buf.begin() + wire::kRequestHeaderBytes,
                      conn->buf.begin() + static_cast<ptrdiff_t>(frameBytes));
+    work.fds = std::move(fds);
     conn->buf.erase(conn->buf.begin(), conn->buf.begin() + static_cast<ptrdiff_t>(frameBytes));
     conn->busy = true;
     m_queue.push_back(std::move(work));
@@ -300,6 +346,8 @@ bool Driver::dispatchIfComplete(const std::shared_ptr<Connection>& conn) {
 void Driver::closeConnection(int fd) {
     auto it = m_connections.find(fd);
     if (it == m_connections.end()) return;
+    for (const auto& received : it->second->fds) sys().close(received.second);
+    it->second->fds.clear();
     sys().close(fd);
     it->second->fd = -1;
     m_connections.erase(it);
@@ -413,6 +461,8 @@ void Driver::shutdown() {
     m_queue.clear();
     m_returned.clear();
     for (auto& [fd, conn] : m_connections) {
+        for (const auto& received : conn->fds) sys().close(received.second);
+        conn->fds.clear();
         sys().close(fd);
         conn->fd = -1;
     }

@@ -26,6 +26,41 @@ namespace vekd::binder {
 
 struct Connection;
 
+// Descriptors received with a request, closed unless handed on; `offsets`
+// are where their objects stand in the parcel bytes.
+class ReceivedFds {
+  public:
+    ReceivedFds() = default;
+    ReceivedFds(ReceivedFds&& other) noexcept { take(other); }
+    ReceivedFds& operator=(ReceivedFds&& other) noexcept {
+        if (this != &other) {
+            closeAll();
+            take(other);
+        }
+        return *this;
+    }
+    ~ReceivedFds() { closeAll(); }
+    ReceivedFds(const ReceivedFds&) = delete;
+    ReceivedFds& operator=(const ReceivedFds&) = delete;
+
+    void closeAll();
+    // Someone else closes them now.
+    void release() {
+        fds.clear();
+        offsets.clear();
+    }
+
+    std::vector<int> fds;
+    std::vector<size_t> offsets;
+
+  private:
+    void take(ReceivedFds& other) {
+        fds.swap(other.fds);
+        offsets.swap(other.offsets);
+        other.release();
+    }
+};
+
 // One transaction handed to a pool thread.
 struct Work {
     std::shared_ptr<Connection> connection;
@@ -35,6 +70,7 @@ struct Work {
     pid_t callingPid = -1;
     uid_t callingUid = static_cast<uid_t>(-1);
     std::vector<uint8_t> data;
+    ReceivedFds fds;
 };
 
 class Driver {

@@ -8,6 +8,7 @@
 
 #include "platform/binder/Client.h"
 #include "platform/binder/Driver.h"
+#include "platform/binder/Wire.h"
 
 namespace android {
 namespace {
@@ -137,8 +138,16 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
                                   Parcel* reply, uint32_t flags) {
     Parcel fakeReply;
     if (reply == nullptr && (flags & IBinder::FLAG_ONEWAY) == 0) reply = &fakeReply;
+    // The descriptors of the request travel beside its bytes.
+    std::vector<vekd::binder::OutgoingFd> fds;
+    for (size_t i = 0; i < data.mObjectsSize; ++i) {
+        const size_t at = static_cast<size_t>(data.mObjects[i]);
+        if (at > data.mDataSize || vekd::binder::wire::kFdObjectBytes > data.mDataSize - at) continue;
+        const int fd = vekd::binder::wire::fdOfObject(data.mData + at);
+        if (fd >= 0) fds.push_back({at, fd});
+    }
     const status_t err =
-        vekd::binder::Client::instance().transact(handle, code, data, reply, flags);
+        vekd::binder::Client::instance().transact(handle, code, data, reply, flags, fds);
     if (err != NO_ERROR) mLastError = err;
     return err;
 }
@@ -149,24 +158,47 @@ void IPCThreadState::joinThreadPool(bool isMain) {
     (void)isMain;
     vekd::binder::Work work;
     while (driver.waitForWork(&work)) {
-        Parcel data;
         Parcel reply;
-        status_t status = data.setData(work.data.data(), work.data.size());
-        if (status == NO_ERROR) {
-            const pid_t savedPid = mCallingPid;
-            const uid_t savedUid = mCallingUid;
-            const int32_t savedFlags = mLastTransactionBinderFlags;
-            const int32_t savedPolicy = mStrictModePolicy;
-            const int32_t savedWorkSource = mWorkSource;
-            mCallingPid = work.callingPid;
-            mCallingUid = work.callingUid;
-            mLastTransactionBinderFlags = static_cast<int32_t>(work.flags);
-            status = work.target->transact(work.code, data, &reply, work.flags);
-            mCallingPid = savedPid;
-            mCallingUid = savedUid;
-            mLastTransactionBinderFlags = savedFlags;
-            mStrictModePolicy = savedPolicy;
-            mWorkSource = savedWorkSource;
+        status_t status = NO_ERROR;
+        {
+            // Destroyed before the reply goes out, so that the caller sees its
+            // descriptors closed by the time it has the answer.
+            Parcel data;
+            if (work.fds.fds.empty()) {
+                status = data.setData(work.data.data(), work.data.size());
+            } else {
+                std::vector<binder_size_t> objects;
+                for (size_t i = 0; i < work.fds.fds.size(); ++i) {
+                    const size_t at = work.fds.offsets[i];
+                    vekd::binder::wire::putFdObject(work.data.data() + at,
+                                                    static_cast<uint32_t>(work.fds.fds[i]), true);
+                    objects.push_back(at);
+                }
+                data.ipcSetDataReference(work.data.data(), work.data.size(), objects.data(),
+                                         objects.size(), nullptr, nullptr);
+                status = data.errorCheck();
+                if (status == NO_ERROR) {
+                    work.fds.release();  // the parcel closes them
+                } else {
+                    work.fds.closeAll();
+                }
+            }
+            if (status == NO_ERROR) {
+                const pid_t savedPid = mCallingPid;
+                const uid_t savedUid = mCallingUid;
+                const int32_t savedFlags = mLastTransactionBinderFlags;
+                const int32_t savedPolicy = mStrictModePolicy;
+                const int32_t savedWorkSource = mWorkSource;
+                mCallingPid = work.callingPid;
+                mCallingUid = work.callingUid;
+                mLastTransactionBinderFlags = static_cast<int32_t>(work.flags);
+                status = work.target->transact(work.code, data, &reply, work.flags);
+                mCallingPid = savedPid;
+                mCallingUid = savedUid;
+                mLastTransactionBinderFlags = savedFlags;
+                mStrictModePolicy = savedPolicy;
+                mWorkSource = savedWorkSource;
+            }
         }
         driver.finishWork(&work, status, reply);
     }

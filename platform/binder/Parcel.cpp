@@ -1,6 +1,6 @@
 // The flat parcel format: 32-bit values little-endian and 4-byte aligned,
-// strings NUL-terminated and padded to 4. Only plain data is carried on a
-// host; binder objects and file descriptors are not.
+// strings NUL-terminated and padded to 4. Of the platform's objects a host
+// carries file descriptors only (see Wire.h); binder objects are not.
 #define LOG_TAG "Parcel"
 
 #include <binder/IPCThreadState.h>
@@ -8,13 +8,20 @@
 #include <log/log.h>
 #include <utils/String8.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
+#include "platform/binder/Wire.h"
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
               "parcels are copied in host byte order, which must be little-endian");
 
 namespace android {
+namespace wire = vekd::binder::wire;
 namespace {
 
 constexpr size_t kMaxParcelBytes = INT32_MAX;
@@ -51,7 +58,88 @@ void Parcel::initState() {
     mOpenAshmemSize = 0;
 }
 
-void Parcel::freeDataNoInit() { free(mData); }
+void Parcel::freeDataNoInit() {
+    releaseObjects();
+    free(mObjects);
+    free(mData);
+}
+
+// Closes the descriptors this parcel owns and forgets every object.
+void Parcel::releaseObjects() {
+    for (size_t i = 0; i < mObjectsSize; ++i) {
+        const size_t at = static_cast<size_t>(mObjects[i]);
+        if (at > mDataSize || wire::kFdObjectBytes > mDataSize - at) continue;
+        const uint8_t* object = mData + at;
+        const int fd = wire::fdOfObject(object);
+        if (fd >= 0 && wire::ownsFd(object)) ::close(fd);
+    }
+    mObjectsSize = 0;
+    mHasFds = false;
+}
+
+status_t Parcel::writeFileDescriptor(int fd, bool takeOwnership) {
+    if (!mAllowFds) return FDS_NOT_ALLOWED;
+    if (fd < 0) return BAD_VALUE;
+    if (mObjectsSize == mObjectsCapacity) {
+        const size_t capacity = mObjectsCapacity == 0 ? 4 : mObjectsCapacity * 2;
+        void* grown = realloc(mObjects, capacity * sizeof(binder_size_t));
+        if (grown == nullptr) return NO_MEMORY;
+        mObjects = static_cast<binder_size_t*>(grown);
+        mObjectsCapacity = capacity;
+    }
+    const size_t at = mDataPos;
+    auto* where = static_cast<uint8_t*>(writeInplace(wire::kFdObjectBytes));
+    if (where == nullptr) return NO_MEMORY;
+    wire::putFdObject(where, static_cast<uint32_t>(fd), takeOwnership);
+    mObjects[mObjectsSize++] = at;
+    mHasFds = true;
+    return NO_ERROR;
+}
+
+status_t Parcel::writeDupFileDescriptor(int fd) {
+    const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (copy < 0) return -errno;
+    const status_t err = writeFileDescriptor(copy, true);
+    if (err != NO_ERROR) ::close(copy);
+    return err;
+}
+
+int Parcel::readFileDescriptor() const {
+    const size_t at = mDataPos;
+    if (at > mDataSize || wire::kFdObjectBytes > mDataSize - at) return BAD_TYPE;
+    for (size_t i = 0; i < mObjectsSize; ++i) {
+        if (mObjects[i] != at) continue;
+        const int fd = wire::fdOfObject(mData + at);
+        if (fd < 0) break;
+        mDataPos += wire::kFdObjectBytes;
+        return fd;
+    }
+    return BAD_TYPE;
+}
+
+// A request as it came off the wire: the bytes, with each descriptor object
+// at `objects` already holding this process's descriptor and owning it.
+void Parcel::ipcSetDataReference(const uint8_t* data, size_t dataSize, const binder_size_t* objects,
+                                 size_t objectsCount, release_func /*relFunc*/, void* /*relCookie*/) {
+    freeData();
+    if (setData(data, dataSize) != NO_ERROR) {
+        mError = NO_MEMORY;
+        return;
+    }
+    if (objectsCount == 0) return;
+    mObjects = static_cast<binder_size_t*>(malloc(objectsCount * sizeof(binder_size_t)));
+    if (mObjects == nullptr) {
+        freeData();
+        mError = NO_MEMORY;
+        return;
+    }
+    memcpy(mObjects, objects, objectsCount * sizeof(binder_size_t));
+    mObjectsSize = mObjectsCapacity = objectsCount;
+    mHasFds = true;
+}
+
+uintptr_t Parcel::ipcObjects() const { return reinterpret_cast<uintptr_t>(mObjects); }
+size_t Parcel::ipcObjectsCount() const { return mObjectsSize; }
 
 void Parcel::freeData() {
     freeDataNoInit();
@@ -64,7 +152,7 @@ size_t Parcel::dataAvail() const { return mDataPos < mDataSize ? mDataSize - mDa
 size_t Parcel::dataPosition() const { return mDataPos; }
 size_t Parcel::dataCapacity() const { return mDataCapacity; }
 size_t Parcel::objectsCount() const { return mObjectsSize; }
-bool Parcel::hasFileDescriptors() const { return false; }
+bool Parcel::hasFileDescriptors() const { return mHasFds; }
 status_t Parcel::errorCheck() const { return mError; }
 void Parcel::setError(status_t err) { mError = err; }
 bool Parcel::allowFds() const { return mAllowFds; }
@@ -95,6 +183,7 @@ status_t Parcel::continueWrite(size_t desired) {
 }
 
 status_t Parcel::restartWrite(size_t desired) {
+    releaseObjects();
     mDataSize = 0;
     mDataPos = 0;
     mRequestHeaderPresent = false;

@@ -1,6 +1,7 @@
 #include "platform/binder/SocketOps.h"
 
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
@@ -8,8 +9,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/binder/Wire.h"
+
 namespace vekd::binder {
 namespace {
+
+// The control buffers' size: the wire's limit per frame.
+constexpr size_t kMaxPassedFds = wire::kMaxFdsPerFrame;
 
 bool fillAddress(const std::string& path, sockaddr_un* addr) {
     memset(addr, 0, sizeof(*addr));
@@ -51,6 +57,57 @@ class RealSocketOps : public SocketOps {
     ssize_t recv(int fd, void* buf, size_t len) override { return ::recv(fd, buf, len, 0); }
     ssize_t send(int fd, const void* buf, size_t len) override {
         return ::send(fd, buf, len, MSG_NOSIGNAL);
+    }
+    ssize_t sendWithFds(int fd, const void* buf, size_t len, const int* fds, size_t count) override {
+        if (count == 0) return send(fd, buf, len);
+        if (count > kMaxPassedFds) {
+            errno = EINVAL;
+            return -1;
+        }
+        alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxPassedFds)];
+        memset(control, 0, sizeof(control));
+        struct iovec iov = {const_cast<void*>(buf), len};
+        struct msghdr msg = {};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = CMSG_SPACE(sizeof(int) * count);
+        struct cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+        cmsg->cmsg_level = SOL_SOCKET;
+        cmsg->cmsg_type = SCM_RIGHTS;
+        cmsg->cmsg_len = CMSG_LEN(sizeof(int) * count);
+        memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * count);
+        return ::sendmsg(fd, &msg, MSG_NOSIGNAL);
+    }
+    ssize_t recvWithFds(int fd, void* buf, size_t len, std::vector<int>* fds, size_t maxFds) override {
+        // Room for more than allowed, so that a surplus is seen and closed
+        // rather than silently cut off.
+        alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int) * (kMaxPassedFds + 1))];
+        struct iovec iov = {buf, len};
+        struct msghdr msg = {};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof(control);
+        const ssize_t n = ::recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
+        if (n < 0) return n;
+        std::vector<int> got;
+        for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+            if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+            const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+            for (size_t i = 0; i < count; ++i) {
+                int received;
+                memcpy(&received, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
+                got.push_back(received);
+            }
+        }
+        if ((msg.msg_flags & MSG_CTRUNC) != 0 || got.size() > maxFds) {
+            for (int received : got) ::close(received);
+            errno = EBADMSG;
+            return -1;
+        }
+        fds->insert(fds->end(), got.begin(), got.end());
+        return n;
     }
     int poll(struct pollfd* fds, nfds_t count, int timeoutMs) override {
         return ::poll(fds, count, timeoutMs);

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/Seam.h"
 
@@ -30,6 +31,14 @@ class SocketOps {
     virtual ssize_t recv(int fd, void* buf, size_t len) = 0;
     // Never raises SIGPIPE.
     virtual ssize_t send(int fd, const void* buf, size_t len) = 0;
+    // Sends `len` bytes with `count` descriptors attached (SCM_RIGHTS);
+    // never raises SIGPIPE.
+    virtual ssize_t sendWithFds(int fd, const void* buf, size_t len, const int* fds, size_t count) = 0;
+    // recv() that appends the descriptors arriving with the bytes to *fds,
+    // close-on-exec. More than `maxFds` at once: all of them are closed and
+    // the call fails with EBADMSG.
+    virtual ssize_t recvWithFds(int fd, void* buf, size_t len, std::vector<int>* fds,
+                                size_t maxFds) = 0;
     virtual int poll(struct pollfd* fds, nfds_t count, int timeoutMs) = 0;
     virtual int close(int fd) = 0;
     // The credentials of the process at the other end of `fd`.

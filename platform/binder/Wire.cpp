@@ -24,4 +24,36 @@ FrameCheck checkFrame(const uint8_t* buf, size_t size, size_t fixedBytes, size_t
     return FrameCheck::kComplete;
 }
 
+void putFdObject(uint8_t* p, uint32_t fd, bool owned) {
+    putU32(p, kFdObjectType);
+    putU32(p + 4, kFdObjectFlags);
+    putU32(p + 8, fd);
+    putU32(p + 12, 0);
+    putU32(p + 16, owned ? 1 : 0);
+    putU32(p + 20, 0);
+}
+
+int fdOfObject(const uint8_t* p) {
+    if (getU32(p) != kFdObjectType) return -1;
+    return static_cast<int>(getU32(p + 8));
+}
+
+bool ownsFd(const uint8_t* p) { return getU32(p + 16) != 0 || getU32(p + 20) != 0; }
+
+std::vector<size_t> findWireFdObjects(const uint8_t* parcel, size_t size) {
+    std::vector<size_t> found;
+    size_t pos = 0;
+    while (size >= kFdObjectBytes && pos <= size - kFdObjectBytes) {
+        const uint8_t* p = parcel + pos;
+        if (getU32(p) == kFdObjectType && getU32(p + 4) == kFdObjectFlags &&
+            getU32(p + 8) == found.size() && getU32(p + 12) == 0 && !ownsFd(p)) {
+            found.push_back(pos);
+            pos += kFdObjectBytes;
+        } else {
+            pos += 4;
+        }
+    }
+    return found;
+}
+
 }  // namespace vekd::binder::wire

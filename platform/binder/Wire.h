@@ -44,4 +44,27 @@ enum class FrameCheck {
 // fields after the length (8 for requests, 4 for replies).
 FrameCheck checkFrame(const uint8_t* buf, size_t size, size_t fixedBytes, size_t* frameBytes);
 
+// A file-descriptor object in parcel bytes, where the platform puts its
+// flat object: u32 type, u32 flags, u32 descriptor, u32 zero, u64 cookie
+// (non-zero: the parcel owns the descriptor). On the wire the descriptor
+// field holds the object's place among the frame's descriptors (0, 1, ...)
+// and the cookie is 0; the descriptors themselves travel as SCM_RIGHTS with
+// the first byte of the request frame.
+constexpr size_t kFdObjectBytes = 24;
+constexpr uint32_t kFdObjectType = 0x66642a85;  // 'f' 'd' '*' 0x85
+constexpr uint32_t kFdObjectFlags = 0x17f;      // accepts descriptors, priority 0x7f
+// The most descriptors one request may carry.
+constexpr size_t kMaxFdsPerFrame = 16;
+
+void putFdObject(uint8_t* p, uint32_t fd, bool owned);
+// The descriptor of an object in the parcel's own (not wire) form, -1 when
+// `p` holds no descriptor object.
+int fdOfObject(const uint8_t* p);
+bool ownsFd(const uint8_t* p);
+
+// The offsets of the descriptor objects in a request's parcel bytes as they
+// came off the wire, in order. Only objects numbered 0, 1, ... in sequence
+// count, so plain data is very unlikely to be taken for one.
+std::vector<size_t> findWireFdObjects(const uint8_t* parcel, size_t size);
+
 }  // namespace vekd::binder::wire

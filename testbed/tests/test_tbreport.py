@@ -279,13 +279,19 @@ class Presentation(unittest.TestCase):
     def test_picture_of_an_empty_timeline(self):
         ET.fromstring(tb.render_svg([], ["wlan0"]))
 
-    def test_live_line(self):
-        turn = {"t": 12.5, "est": {"wlan0": 967}, "share": {"wlan0": 0.604}}
-        line = tb.live_line(turn, 10.0, ["wlan0", "rmnet_data0"])
-        self.assertIn("2.5s", line)
-        self.assertIn("967 kbit/s  share 0.60", line)
-        self.assertIn("rmnet_data0      - kbit/s  share -", line)
-
+    def test_live_line_from_the_dump_with_a_health_cell_of_several_words(self):
+        dump = tb.parse_dump(
+            "links: 2\n"
+            "  name         estimate_kbps  computed_share  installed_share  health\n"
+            "  rmnet_data0  1923           0.400           0.402            down rtt=0ms lost=3\n"
+            "  wlan0        961            0.600           0.598            -\n"
+            "\ncounters since start:\n  evaluation_turns 19\n")
+        self.assertEqual(dump["turns"], 19)
+        self.assertEqual(dump["links"]["rmnet_data0"]["health"], "down rtt=0ms lost=3")
+        line = tb.live_line(dump, 0, ["wlan0", "rmnet_data0", "wlan1"])
+        self.assertIn("wlan0          961 kbit/s  share 0.600 (rules 0.598)  -", line)
+        self.assertIn("wlan1            - kbit/s  share - (rules -)", line)
+        self.assertEqual(tb.parse_dump(""), {"turns": None, "links": {}})
 
 if __name__ == "__main__":
     unittest.main()

@@ -8,8 +8,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <chrono>
+#include <thread>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -64,6 +67,30 @@ std::vector<uint8_t> pingFrame() {
     putU32(f.data() + 4, kPing);
     putU32(f.data() + 8, 0);
     return f;
+}
+
+// Sends `frame`, the byte at `fdsAt` with `count` copies of `fd` attached.
+void sendWithFds(int sock, const std::vector<uint8_t>& frame, size_t fdsAt, int fd, int count) {
+    if (fdsAt > 0) {
+        ASSERT_EQ(send(sock, frame.data(), fdsAt, MSG_NOSIGNAL), static_cast<ssize_t>(fdsAt));
+        std::this_thread::sleep_for(200ms);  // read apart from what follows
+    }
+    std::vector<int> fds(static_cast<size_t>(count), fd);
+    std::vector<char> control(CMSG_SPACE(sizeof(int) * fds.size()));
+    iovec iov = {const_cast<uint8_t*>(frame.data() + fdsAt), frame.size() - fdsAt};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    if (count > 0) {
+        msg.msg_control = control.data();
+        msg.msg_controllen = control.size();
+        cmsghdr* c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+        memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
+    }
+    ASSERT_EQ(sendmsg(sock, &msg, MSG_NOSIGNAL), static_cast<ssize_t>(frame.size() - fdsAt));
 }
 
 // Starts the daemon with `daemonFds` descriptors (0: as many as this
@@ -132,6 +159,53 @@ TEST_F(ClientFault, TwoMebibyteLength) {
     close(fd);
     EXPECT_TRUE(daemon.waitForLog("W HostBinder: closing a connection that sent a frame of 2097152 bytes", 5s))
         << daemon.log();
+    expectNothingHeld();
+}
+
+TEST_F(ClientFault, FramesWhoseDescriptorsDoNotMatchTheirParcel) {
+    struct Case {
+        const char* what;
+        int objects;
+        int fds;
+        size_t fdsAt;
+    } cases[] = {
+        {"a descriptor and no object", 0, 1, 0},
+        {"an object and no descriptor", 1, 0, 0},
+        {"two objects, one descriptor", 2, 1, 0},
+        {"the descriptor after the first byte", 1, 1, 5},
+        {"seventeen descriptors", 17, 17, 0},
+    };
+    for (const Case& c : cases) {
+        // A dump request: its descriptor objects, then no arguments.
+        std::vector<uint8_t> frame(12 + 24 * c.objects + 4, 0);
+        putU32(frame.data(), static_cast<uint32_t>(frame.size() - 4));
+        putU32(frame.data() + 4, 0x5F444D50);  // '_DMP'
+        for (int i = 0; i < c.objects; ++i) {
+            uint8_t* object = frame.data() + 12 + 24 * i;
+            putU32(object, vekd::binder::wire::kFdObjectType);
+            putU32(object + 4, vekd::binder::wire::kFdObjectFlags);
+            putU32(object + 8, static_cast<uint32_t>(i));
+        }
+        int pipeFds[2];
+        ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
+        int sock = connectTo(servicePath(daemon));
+        ASSERT_GE(sock, 0);
+        sendWithFds(sock, frame, c.fdsAt, pipeFds[1], c.fds);
+        close(pipeFds[1]);
+        EXPECT_TRUE(closedByPeer(sock, 5s)) << c.what;
+        // Once every copy the daemon received is closed, the reader sees the end.
+        struct pollfd p = {pipeFds[0], POLLIN, 0};
+        char byte;
+        EXPECT_TRUE(poll(&p, 1, 5000) == 1 && read(pipeFds[0], &byte, 1) == 0) << c.what;
+        close(sock);
+        close(pipeFds[0]);
+    }
+    EXPECT_TRUE(daemon.waitForLog("W HostBinder: closing a connection whose frame's descriptors do not match its parcel "
+                                "(1 descriptors not all with the first byte, 1 objects)", 1s))
+        << daemon.log();
+    EXPECT_TRUE(daemon.waitForLog("W HostBinder: closing a connection that sent more than 16 descriptors", 1s));
+    // A matching request is served and leaves nothing behind either.
+    EXPECT_EQ(daemon.vekctl({"dump"}), 0);
     expectNothingHeld();
 }
 

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <sstream>
+#include <thread>
 
 #include "tests/integration/RecordingRoot.h"
 #include "tests/support/DaemonProcess.h"
@@ -79,6 +81,61 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     const Lines after = root.calls();
     EXPECT_NE(std::find(after.begin() + static_cast<long>(before), after.end(), kIpt + "mangle -D OUTPUT -j kwop_NUV"),
               after.end());
+}
+
+// Whether the report has a line whose blank-separated words start with `row`.
+bool hasRow(const std::string& report, const Lines& row) {
+    std::istringstream lines(report);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream words(line);
+        Lines got;
+        std::string word;
+        while (words >> word && got.size() < row.size()) got.push_back(word);
+        if (got == row) return true;
+    }
+    return false;
+}
+
+TEST(DaemonProcess, DumpShowsTheStateAsSetUp) {
+    VEKD_REQUIRE_PRIVATE_NETNS();
+    RecordingRoot root("vek_uid_list=10123\nmini_est_interval=100\n");
+    DaemonProcess daemon(binaryPath("vekd"), {}, root.path(), root.path() + "/vekd.log");
+    ASSERT_TRUE(daemon.waitForLog("D vekd: Added service", 10s)) << daemon.log();
+    ASSERT_EQ(vekctl(root, {"iface", "0", "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1"}), 0);
+    ASSERT_EQ(vekctl(root, {"iface", "1", "rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1"}), 0);
+    ASSERT_EQ(vekctl(root, {"iface-ready"}), 0);
+    ASSERT_EQ(vekctl(root, {"update-uid", "10124", "2"}), 0);
+    ASSERT_EQ(vekctl(root, {"wlan-inet", "1"}), 0);
+
+    // Without statistics both links get half, once the first turn wrote it.
+    std::string report;
+    for (int i = 0; i < 100 && !hasRow(report, {"rule_rewrites", "1"}); ++i) {
+        std::this_thread::sleep_for(50ms);
+        ASSERT_EQ(runProgram(binaryPath("vekctl"), {"dump", "--bogus"}, root.path(), &report), 0);
+    }
+    for (const Lines& row : std::vector<Lines>{
+             {"note:", "1", "unknown", "argument", "ignored:", "'--bogus'"},
+             {"run_state", "2"},
+             {"wlan0", "wlan0", "0x5A", "no", "yes", "10", "0", "10.1.0.1"},
+             {"rmnet_data0", "rmnet_data0", "0x5B", "yes", "no", "20", "0", "10.2.0.1"},
+             {"links:", "2", "(link", "monitor", "off)"},
+             {"10123", "1"},
+             {"10124", "2"},
+             {"dns:", "wlan0", "server", "10.1.0.1"},
+             {"rule_rewrites", "1"},
+             {"transactions", "updateUidNuv=1", "removeUidNuv=0", "notifyWlanInetNuv=1",
+              "updateIfaceParamNuv=2", "notifyIfaceParamReadyNuv=1"},
+             {"mini_est_interval=100"}}) {
+        EXPECT_TRUE(hasRow(report, row)) << row[0] << " in\n" << report;
+    }
+    for (const char* link : {"wlan0", "rmnet_data0"}) {
+        const size_t at = report.find("\n  " + std::string(link) + " ", report.find("links:"));
+        ASSERT_NE(at, std::string::npos) << report;
+        const std::string row = report.substr(at, report.find('\n', at + 1) - at);
+        EXPECT_NE(row.find("0.500  "), std::string::npos) << row;
+        EXPECT_EQ(row.substr(row.size() - 5), "0.500") << row;
+    }
 }
 
 TEST(DaemonProcess, EnabledTwoBeforeStartRunsOneTurnAndCleansUp) {

@@ -8,12 +8,16 @@
 #include <cutils/properties.h>
 #include <utils/String16.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -55,6 +59,8 @@ const Verb kVerbs[] = {
      "set a system property"},
     {"getprop", 0, 2, true, {{"NAME", Kind::kText}, {"DEFAULT", Kind::kText}},
      "print a system property, or DEFAULT when it is unset"},
+    {"dump", 0, 1, true, {{"ARGS...", Kind::kText}},
+     "print the daemon's report (ARGS go to the service: dump --help)"},
 };
 
 std::string synopsis(const Verb& verb) {
@@ -104,15 +110,60 @@ const char* statusName(android::status_t status) {
     }
 }
 
-int callService(const Verb& verb, const int32_t* ints, const char* text) {
+android::sp<android::IBinder> findService(const char* verb) {
     android::ProcessState::initWithDriver(kDriver);
     android::sp<android::IBinder> service =
         android::defaultServiceManager()->checkService(android::String16(kServiceName));
     if (service == nullptr) {
-        fprintf(stderr, "vekctl: %s: service \"%s\" is not running on %s\n", verb.name,
-                kServiceName, kDriver);
+        fprintf(stderr, "vekctl: %s: service \"%s\" is not running on %s\n", verb, kServiceName,
+                kDriver);
+    }
+    return service;
+}
+
+int callFailed(const char* verb, android::status_t status) {
+    fprintf(stderr, "vekctl: %s: the call failed with status %d (%s)\n", verb, status,
+            statusName(status));
+    return kExitFailed;
+}
+
+// The service writes its report into a pipe; a thread copies it to standard
+// output meanwhile, so that a report longer than the pipe holds gets through.
+int dumpService(char** args, int count) {
+    android::sp<android::IBinder> service = findService("dump");
+    if (service == nullptr) return kExitFailed;
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        fprintf(stderr, "vekctl: dump: pipe: %s\n", strerror(errno));
         return kExitFailed;
     }
+    std::thread copier([readEnd = fds[0]] {
+        char buf[4096];
+        for (;;) {
+            const ssize_t n = read(readEnd, buf, sizeof(buf));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            fwrite(buf, 1, static_cast<size_t>(n), stdout);
+        }
+    });
+
+    android::Parcel data;
+    android::Parcel reply;
+    data.writeFileDescriptor(fds[1]);
+    data.writeInt32(count);
+    for (int i = 0; i < count; ++i) data.writeString16(android::String16(args[i]));
+    const android::status_t status = service->transact(android::IBinder::DUMP_TRANSACTION, data, &reply);
+    // The service has closed its copy by the time it answers.
+    close(fds[1]);
+    copier.join();
+    close(fds[0]);
+    fflush(stdout);
+    return status == android::NO_ERROR ? kExitOk : callFailed("dump", status);
+}
+
+int callService(const Verb& verb, const int32_t* ints, const char* text) {
+    android::sp<android::IBinder> service = findService(verb.name);
+    if (service == nullptr) return kExitFailed;
 
     android::Parcel data;
     android::Parcel reply;
@@ -131,11 +182,7 @@ int callService(const Verb& verb, const int32_t* ints, const char* text) {
     }
 
     const android::status_t status = service->transact(code, data, &reply);
-    if (status != android::NO_ERROR) {
-        fprintf(stderr, "vekctl: %s: the call failed with status %d (%s)\n", verb.name, status,
-                statusName(status));
-        return kExitFailed;
-    }
+    if (status != android::NO_ERROR) return callFailed(verb.name, status);
     int32_t result = 0;
     const bool hasResult = reply.readInt32(&result) == android::NO_ERROR;
     if (!hasResult && verb.code != 0) {
@@ -186,6 +233,7 @@ int main(int argc, char** argv) {
     if (verb == nullptr) return usageError("unknown verb '" + name + "'");
 
     const int given = argc - 2;
+    if (name == "dump") return dumpService(argv + 2, given);
     const int least = verb->lastIsOptional ? verb->argCount - 1 : verb->argCount;
     if (given < least || given > verb->argCount) {
         return usageError("usage: vekctl " + synopsis(*verb));

@@ -3,6 +3,8 @@
 #include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <vector>
 
@@ -164,3 +166,36 @@ TEST_F(ParcelTest, ObjectsAttachedToALocalBinderAreFoundUntilDetached) {
 }
 
 }  // namespace
+
+// Descriptors are read only where one was written: bytes that merely look
+// like a descriptor object are data. The parcel closes the ones it owns.
+TEST_F(ParcelTest, DescriptorsAreReadOnlyFromTheirObjectsAndOwnedOnesAreClosed) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
+    std::vector<uint8_t> forged;
+    {
+        Parcel p;
+        p.writeInt32(7);
+        ASSERT_EQ(p.writeFileDescriptor(fds[0]), android::NO_ERROR);
+        ASSERT_EQ(p.writeDupFileDescriptor(fds[1]), android::NO_ERROR);
+        EXPECT_TRUE(p.hasFileDescriptors());
+        forged.assign(p.data(), p.data() + p.dataSize());
+        p.setDataPosition(0);
+        EXPECT_EQ(p.readFileDescriptor(), android::BAD_TYPE) << "an int is no descriptor";
+        p.setDataPosition(4);
+        EXPECT_EQ(p.readFileDescriptor(), fds[0]);
+        const int copy = p.readFileDescriptor();
+        EXPECT_GE(copy, 0);
+        EXPECT_NE(copy, fds[1]);
+    }
+    close(fds[1]);  // the parcel's copy is gone too: the reader sees the end
+    char byte;
+    EXPECT_EQ(read(fds[0], &byte, 1), 0);
+    close(fds[0]);
+
+    Parcel plain;
+    plain.setData(forged.data(), forged.size());
+    plain.setDataPosition(4);
+    EXPECT_EQ(plain.readFileDescriptor(), android::BAD_TYPE);
+    EXPECT_FALSE(plain.hasFileDescriptors());
+}

@@ -360,6 +360,12 @@ class FaultyOps : public vekd::binder::SocketOps {
     }
     ssize_t recv(int fd, void* b, size_t n) override { return interrupted(fd) ? -1 : real().recv(fd, b, n); }
     ssize_t send(int fd, const void* b, size_t n) override { return interrupted(fd) ? -1 : real().send(fd, b, n); }
+    ssize_t sendWithFds(int fd, const void* b, size_t n, const int* f, size_t c) override {
+        return real().sendWithFds(fd, b, n, f, c);
+    }
+    ssize_t recvWithFds(int fd, void* b, size_t n, std::vector<int>* f, size_t m) override {
+        return real().recvWithFds(fd, b, n, f, m);
+    }
     int poll(struct pollfd* f, nfds_t n, int t) override { return real().poll(f, n, t); }
     int close(int fd) override { return real().close(fd); }
     bool peerCredentials(int, pid_t*, uid_t*) override { return false; }

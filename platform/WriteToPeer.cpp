@@ -1,0 +1,71 @@
+#include "platform/WriteToPeer.h"
+
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace vekd::platform {
+namespace {
+
+// SIGPIPE blocked on this thread for the scope; one raised meanwhile is
+// taken back so it never reaches the process.
+class NoSigpipe {
+  public:
+    NoSigpipe() {
+        sigset_t pipeOnly;
+        sigemptyset(&pipeOnly);
+        sigaddset(&pipeOnly, SIGPIPE);
+        sigset_t pending;
+        sigpending(&pending);
+        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &pipeOnly, &m_saved);
+    }
+    ~NoSigpipe() {
+        const int savedErrno = errno;
+        if (!m_wasPending) {
+            sigset_t pipeOnly;
+            sigemptyset(&pipeOnly);
+            sigaddset(&pipeOnly, SIGPIPE);
+            const struct timespec none = {0, 0};
+            while (sigtimedwait(&pipeOnly, nullptr, &none) < 0 && errno == EINTR) {
+            }
+        }
+        pthread_sigmask(SIG_SETMASK, &m_saved, nullptr);
+        errno = savedErrno;
+    }
+    NoSigpipe(const NoSigpipe&) = delete;
+    NoSigpipe& operator=(const NoSigpipe&) = delete;
+
+  private:
+    sigset_t m_saved;
+    bool m_wasPending = false;
+};
+
+}  // namespace
+
+bool writeToPeer(int fd, const std::string& text, int stallMs) {
+    NoSigpipe guard;
+    size_t done = 0;
+    while (done < text.size()) {
+        struct pollfd p = {fd, POLLOUT, 0};
+        const int ready = ::poll(&p, 1, stallMs);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready == 0) errno = ETIMEDOUT;
+        if (ready <= 0) return false;
+        // At most PIPE_BUF at once: a pipe that polled writable takes that
+        // much without blocking.
+        size_t chunk = text.size() - done;
+        if (chunk > PIPE_BUF) chunk = PIPE_BUF;
+        const ssize_t n = ::write(fd, text.data() + done, chunk);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace vekd::platform
