@@ -328,7 +328,7 @@ TEST_F(BinderTest, StaleSocketIsReplacedButOtherFilesAreNotAndJoinedThreadsServe
     EXPECT_EQ(binder->pingBinder(), NO_ERROR);
 
     m_root.writeFile("/dev/vndbinder/notes", "not a socket");
-    EXPECT_NE(defaultServiceManager()->addService(String16("notes"), m_service), NO_ERROR);
+    EXPECT_EQ(defaultServiceManager()->addService(String16("notes"), m_service), -EEXIST);
     EXPECT_NE(defaultServiceManager()->addService(String16("a/b"), m_service), NO_ERROR);
     EXPECT_NE(defaultServiceManager()->addService(String16("proxy"), binder), NO_ERROR);
     vekd::binder::resetForTesting();  // makes the looper leave
