@@ -1,4 +1,5 @@
 // Link rate estimation over rings built in memory, and the rate history.
+#include <algorithm>
 #include <climits>
 #include <vector>
 
@@ -25,6 +26,19 @@ class EstimatorTest : public StatsTest {
 
     StatsFileBuilder ring;
 };
+
+// Rings are built from a blank file, even where an earlier builder wrote.
+TEST(StatsFileBuilderTest, EveryRingStartsBlankAndAnUnwritablePathIsRefused) {
+    {
+        StatsFileBuilder dirty;
+        dirty.setMagic();
+        dirty.appendSeries(1, 1, kVekStatsRingSlots, 1500);
+    }
+    StatsFileBuilder fresh;
+    const auto* bytes = static_cast<const unsigned char*>(fresh.data());
+    EXPECT_EQ(std::count(bytes, bytes + kVekStatsFileSize, 0), static_cast<long>(kVekStatsFileSize));
+    EXPECT_FALSE(fresh.saveTo("/nonexistent-dir/wlan0_mmap"));
+}
 
 // 1024 bytes every 8 ms is 1000 kbit/s of 1024 bits; the oldest sample has
 // no reference and only bounds the newest span.
