@@ -18,7 +18,8 @@ bool safeField(const char* text, size_t size) {
     const size_t n = strnlen(text, size);
     FUZZ_CHECK(n < size);
     for (size_t i = 0; i < n; ++i) {
-        if (strchr(";|&$`<>()\\'\"\n", text[i]) != nullptr) return false;
+        // Shell syntax, and whitespace other than the blank, which a shell splits at.
+        if (strchr(";|&$`<>()\\'\"\n\t\v\f\r", text[i]) != nullptr) return false;
     }
     return true;
 }
@@ -44,9 +45,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Parameters* params = Parameters::instance();
     params->updateInterfaceParams();
 
+    // A command either fits its buffer whole or is refused.
     char buf[64];
-    FUZZ_CHECK(strlen(params->getStatsProtocols(buf, sizeof(buf))) < sizeof(buf));
-    FUZZ_CHECK(strlen(params->getStatsPorts(buf, sizeof(buf))) < sizeof(buf));
+    const char* protocols = params->getStatsProtocols(buf, sizeof(buf));
+    FUZZ_CHECK((protocols == nullptr) == (strlen("protocols=") + params->m_protocols.size() >= sizeof(buf)));
+    const char* ports = params->getStatsPorts(buf, sizeof(buf));
+    FUZZ_CHECK((ports == nullptr) == (strlen("ports=") + params->m_ports.size() >= sizeof(buf)));
+    FUZZ_CHECK(ports == nullptr || strlen(ports) < sizeof(buf));
     for (int id = -1; id <= OPER_PARAM_COUNT; ++id) params->get(static_cast<OperId>(id));
 
     for (const auto& entry : params->m_interfaceMap) {

@@ -18,7 +18,7 @@ void checkField(const char* text, size_t size, bool mayBeEmpty) {
     FUZZ_CHECK(n < size);
     FUZZ_CHECK(mayBeEmpty || n > 0);
     for (size_t i = 0; i < n; ++i) {
-        FUZZ_CHECK(strchr(";|&$`<>()\\'\"\n*?", text[i]) == nullptr);
+        FUZZ_CHECK(strchr(";|&$`<>()\\'\"\n\t\v\f\r*?", text[i]) == nullptr);
     }
 }
 
