@@ -27,7 +27,7 @@ bool isSafeText(const char* text) {
     for (const char* p = text; *p; ++p) {
         const unsigned char c = static_cast<unsigned char>(*p);
         if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) continue;
-        if (strchr(" ._-:/@+\t\n\v\f\r", c) == nullptr) return false;
+        if (strchr(" ._-:/@+", c) == nullptr && strchr(kOtherWhitespace, c) == nullptr) return false;
     }
     return true;
 }

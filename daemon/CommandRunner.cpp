@@ -10,9 +10,6 @@
 namespace {
 constexpr const char* kTag = "NUVIptables";
 constexpr size_t kLineBufferSize = 1024;
-// Whitespace other than the blank: a shell splits words at tabs too, and no
-// command line of the daemon's own holds any of these.
-constexpr const char* kOtherWhitespace = "\t\n\v\f\r";
 }  // namespace
 
 bool commandHasShellSyntax(const char* command) {

@@ -1,6 +1,10 @@
 // Runs one shell command line and drains its standard output into the log.
 #pragma once
 
+// Whitespace other than the blank: a shell splits words at these too, and no
+// command line of the daemon's own holds any of them.
+inline constexpr char kOtherWhitespace[] = "\t\n\v\f\r";
+
 // 0 when the command was started and its output drained (its exit status is
 // never examined), -1 when it could not be started or was refused.
 int execnetd(const char* command);

@@ -16,22 +16,18 @@ namespace {
 class NoSigpipe {
   public:
     NoSigpipe() {
-        sigset_t pipeOnly;
-        sigemptyset(&pipeOnly);
-        sigaddset(&pipeOnly, SIGPIPE);
+        sigemptyset(&m_pipeOnly);
+        sigaddset(&m_pipeOnly, SIGPIPE);
         sigset_t pending;
         sigpending(&pending);
         m_wasPending = sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &pipeOnly, &m_saved);
+        pthread_sigmask(SIG_BLOCK, &m_pipeOnly, &m_saved);
     }
     ~NoSigpipe() {
         const int savedErrno = errno;
         if (!m_wasPending) {
-            sigset_t pipeOnly;
-            sigemptyset(&pipeOnly);
-            sigaddset(&pipeOnly, SIGPIPE);
             const struct timespec none = {0, 0};
-            while (sigtimedwait(&pipeOnly, nullptr, &none) < 0 && errno == EINTR) {
+            while (sigtimedwait(&m_pipeOnly, nullptr, &none) < 0 && errno == EINTR) {
             }
         }
         pthread_sigmask(SIG_SETMASK, &m_saved, nullptr);
@@ -41,6 +37,7 @@ class NoSigpipe {
     NoSigpipe& operator=(const NoSigpipe&) = delete;
 
   private:
+    sigset_t m_pipeOnly;
     sigset_t m_saved;
     bool m_wasPending = false;
 };

@@ -103,7 +103,7 @@ int VekStatsImpl::evalAndSetVEKInterfaceRatio() {
                                       ? RATIO_CALC_WITH_METERED
                                       : RATIO_CALC_UNMETERED_ONLY;
     if (calcVekRatios(mode, static_cast<float>(totalMetered), static_cast<float>(totalUnmetered),
-                      static_cast<float>(maxUnmetered))) {
+                      static_cast<float>(maxUnmetered), down)) {
         // Still under the lock: the rules are written from the records.
         rules->set_VEK_ratio_iptables(m_linkStatsMap);
     }
@@ -115,6 +115,13 @@ int VekStatsImpl::evalAndSetVEKInterfaceRatio() {
 
 bool VekStatsImpl::calcVekRatios(VEK_ratio_calc_process mode, float totalMeteredLRE,
                                  float totalUnmeteredLRE, float maxUnmeteredLRE) {
+    return calcVekRatios(mode, totalMeteredLRE, totalUnmeteredLRE, maxUnmeteredLRE,
+                         downAmongConfigured(Parameters::instance()));
+}
+
+bool VekStatsImpl::calcVekRatios(VEK_ratio_calc_process mode, float totalMeteredLRE,
+                                 float totalUnmeteredLRE, float maxUnmeteredLRE,
+                                 const std::set<std::string>& down) {
     Parameters* params = Parameters::instance();
     const int wifiThreshold = params->get(OPER_WIFI_THRESHOLD);
     const float minChange = static_cast<float>(params->m_minRatioChange) / 100.0f;
@@ -126,7 +133,6 @@ bool VekStatsImpl::calcVekRatios(VEK_ratio_calc_process mode, float totalMetered
         float oldRatio;
         bool down;
     };
-    const std::set<std::string> down = downAmongConfigured(params);
     std::vector<Entry> entries;
     entries.reserve(m_linkStatsMap.size());
     int unmeteredCount = 0;

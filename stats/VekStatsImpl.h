@@ -71,6 +71,9 @@ class VekStatsImpl {
     // Of m_downLinks, those among the configured records; empty when that
     // would be all of them.
     std::set<std::string> downAmongConfigured(Parameters* params) const;
+    // calcVekRatios with the turn's down links already worked out.
+    bool calcVekRatios(VEK_ratio_calc_process mode, float totalMeteredLRE, float totalUnmeteredLRE,
+                       float maxUnmeteredLRE, const std::set<std::string>& down);
 
     std::set<std::string> m_downLinks;  // guarded by m_mutex
 
