@@ -1,63 +1,96 @@
-// Real sockets on loopback owned by a chosen UID, for the namespace tests and
-// the benchmark. Run only inside a private network namespace. Functions that
-// make a socket answer -1 (or false) on failure.
+// Real sockets on loopback owned by chosen UIDs, for the namespace tests and
+// the benchmark; run only inside a private network namespace. Functions that
+// make a socket answer -1 on failure.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <sys/fsuid.h>
 #include <sys/resource.h>
-#include <sys/types.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
 #include <vector>
 
 namespace vekd::test {
 
-// Sockets created while this lives belong to `uid`: the kernel takes a
-// socket's owner from the creating thread's filesystem UID.
-class SocketOwner {
-  public:
-    explicit SocketOwner(uid_t uid);
-    ~SocketOwner();
-    SocketOwner(const SocketOwner&) = delete;
-    SocketOwner& operator=(const SocketOwner&) = delete;
-
-  private:
-    uid_t m_previous;
-};
-
 // Closes every descriptor it holds.
-class Fds {
-  public:
+struct Fds {
     Fds() = default;
-    ~Fds() { closeAll(); }
     Fds(const Fds&) = delete;
-    Fds& operator=(const Fds&) = delete;
-    int add(int fd);
-    void closeAll();
-    size_t size() const { return m_fds.size(); }
-
-  private:
+    ~Fds() {
+        for (int fd : m_fds) close(fd);
+    }
+    int add(int fd) {
+        if (fd >= 0) m_fds.push_back(fd);
+        return fd;
+    }
     std::vector<int> m_fds;
 };
 
-// A TCP listener on the loopback address of `family` on an ephemeral port.
-int tcpListener(int family, int backlog = 128);
-// The local port of a bound socket, host byte order.
-uint16_t localPort(int fd);
-// A TCP socket owned by `clientUid` connected to `listener`, accepted as
-// `serverUid` (an accepted socket belongs to whoever accepts it).
-bool tcpConnection(int family, int listener, uid_t clientUid, uid_t serverUid, int* client, int* server);
-// Only the client side, connected to `port`; the kernel queues the other end
-// on the listener without a descriptor.
-int tcpConnect(int family, uint16_t port, uid_t clientUid);
-// A UDP socket bound to loopback, and one connected to `port` on loopback.
-int udpBound(int family);
-int udpConnected(int family, uint16_t port);
+// `make` run as `uid`: a socket's owner is its creating thread's filesystem
+// UID, and an accepted socket belongs to whoever accepts it.
+template <class Make>
+int as(uid_t uid, Make make) {
+    const int previous = setfsuid(uid);
+    const int fd = make();
+    setfsuid(static_cast<uid_t>(previous));
+    return fd;
+}
+
+// A socket of `type` owned by `uid`, connected to loopback `port`, or bound
+// to an ephemeral loopback port when `port` is 0.
+inline int loopbackSocket(int family, int type, uid_t uid, uint16_t port) {
+    const int fd = as(uid, [&] { return socket(family, type | SOCK_CLOEXEC, 0); });
+    sockaddr_in6 a{};  // the family and the port sit at the same offsets in sockaddr_in
+    a.sin6_family = static_cast<sa_family_t>(family);
+    a.sin6_port = htons(port);
+    if (family == AF_INET6) a.sin6_addr = in6addr_loopback;
+    if (family == AF_INET) reinterpret_cast<sockaddr_in*>(&a)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const socklen_t len = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    const auto* addr = reinterpret_cast<const sockaddr*>(&a);
+    if (fd < 0 || (port != 0 ? connect(fd, addr, len) : bind(fd, addr, len)) == 0) return fd;
+    close(fd);
+    return -1;
+}
+
+inline int tcpListener(int family, int backlog = 128, uid_t uid = 0) {
+    const int fd = loopbackSocket(family, SOCK_STREAM, uid, 0);
+    if (fd < 0 || listen(fd, backlog) == 0) return fd;
+    close(fd);
+    return -1;
+}
+
+inline int tcpConnect(int family, uint16_t port, uid_t uid) { return loopbackSocket(family, SOCK_STREAM, uid, port); }
+
+// The local port of a bound socket, host byte order (0 on failure).
+inline uint16_t localPort(int fd) {
+    sockaddr_in6 a{};
+    socklen_t len = sizeof(a);
+    return getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0 ? ntohs(a.sin6_port) : 0;
+}
 
 // The TCP state (TCP_ESTABLISHED ...) of `fd`, or -1.
-int tcpState(int fd);
+inline int tcpState(int fd) {
+    tcp_info info{};
+    socklen_t len = sizeof(info);
+    return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0 ? info.tcpi_state : -1;
+}
+
 // The socket's pending error (SO_ERROR), which reading clears.
-int pendingError(int fd);
-// Raises RLIMIT_NOFILE to at least `n`; false when the hard limit forbids it.
-bool raiseOpenFileLimit(rlim_t n);
+inline int pendingError(int fd) {
+    int err = 0;
+    socklen_t len = sizeof(err);
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 ? err : -1;
+}
+
+// Raises RLIMIT_NOFILE to at least `n` (root may raise the hard limit too).
+inline bool raiseOpenFileLimit(rlim_t n) {
+    rlimit lim{};
+    if (getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur >= n) return true;
+    lim = {n, std::max(lim.rlim_max, n)};
+    return setrlimit(RLIMIT_NOFILE, &lim) == 0;
+}
 
 }  // namespace vekd::test
