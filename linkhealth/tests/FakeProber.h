@@ -1,5 +1,5 @@
-// A prober that answers from a script against the fake clock: a link answers
-// `rttMs` after each probe (never when negative); waiting moves the clock on.
+// A prober against the fake clock: a link answers `rttMs` after each probe
+// (never when negative); waiting moves the clock on.
 #pragma once
 
 #include <unistd.h>
@@ -45,7 +45,6 @@ class FakeProber : public linkhealth::LinkProber {
     }
     void interrupt() override {}
     void closeAll() override {}
-
     void setRtt(size_t link, int ms) {
         std::lock_guard<std::mutex> lock(m_mutex);
         rttMs[link] = ms;
