@@ -1,67 +1,52 @@
 #include <gtest/gtest.h>
 
+#include "report/Counters.h"
 #include "report/LinkHealth.h"
 #include "report/Report.h"
 
 namespace vekd::report {
 namespace {
 
-Snapshot twoLinks() {
+// Counts start at zero in each process: nothing was counted before.
+TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
     Snapshot s;
     s.runState = 2;
     s.interfaces = {{"wlan0", "wlan0", "0x5A", false, true, 10, 0, "192.168.1.1"},
                     {"rmnet_data0", "rmnet", "0x5B", true, false, 20, 0, ""}};
-    LinkRow wlan;
-    wlan.name = "wlan0";
-    wlan.measured = true;
-    wlan.estimate = 963;
-    wlan.historyMax = 1000;
-    wlan.historyLength = 5;
-    wlan.samples = 120;
-    wlan.computedShare = 0.6f;
-    wlan.installedShare = 0.5f;
-    LinkRow cell;
-    cell.name = "rmnet_data0";
-    s.links = {wlan, cell};
+    s.links = {{"wlan0", true, 963, 1000, 5, 120, 0.6f, 0.5f, std::nullopt},
+               {"rmnet_data0", false, 0, 0, 0, 0, 0.0f, std::nullopt, std::nullopt}};
     s.uids = {{"10123", 1}};
     s.dnsInterface = "wlan0";
     s.dnsServer = "192.168.1.1";
     s.config = {{"wifi_threshold", "1600"}, {"interface_0", "a\nb"}};
-    return s;
-}
-
-TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
-    CounterValues counters;
-    counters.evaluationTurns = 7;
-    counters.transactions = {{1, 3}, {0x5f444d50, 1}};
-    const std::string off = formatReport(twoLinks(), counters, "");
+    countSocketsDestroyed(3);
+    for (uint32_t code : {1u, 1u, 0x5f444d50u, 0x1000u}) countTransaction(code);
+    const CounterValues counters = readCounters();
+    const std::string off = formatReport(s, counters, "");
     for (const char* expected :
          {"run_state 2 (interfaces configured, evaluating)\n",
           "  wlan0        wlan0  0x5A  no       yes      10    0     192.168.1.1\n",
           "links: 2 (link monitor off)\n",
           "  wlan0        yes       963            1000              5        120      0.600           0.500\n",
           "  rmnet_data0  no        0              0                 0        0        0.000           -\n",
-          "  10123  1\n", "dns: wlan0 server 192.168.1.1\n", "  evaluation_turns 7\n",
-          " updateUidNuv=3 dump=1 other=0\n", "  interface_0=a?b\n"}) {
+          "  10123  1\n", "dns: wlan0 server 192.168.1.1\n", "  sockets_destroyed 3\n", "  interface_0=a?b\n",
+          "  transactions updateUidNuv=2 removeUidNuv=0 notifyWlanInetNuv=0 updateIfaceParamNuv=0 notifyIfaceParamReadyNuv=0 ping=0 interface=0 dump=1 other=1\n"}) {
         EXPECT_NE(off.find(expected), std::string::npos) << expected << "\nin\n" << off;
     }
     EXPECT_EQ(off.find("health"), std::string::npos);
 
     setLinkHealthSource([] { return std::map<std::string, LinkHealth>{{"wlan0", {true, 12, 0}}}; });
-    Snapshot on = twoLinks();
-    addLinkHealth(&on);
+    addLinkHealth(&s);
     setLinkHealthSource(nullptr);
-    const std::string shown = formatReport(on, counters, "note: x");
+    const std::string shown = formatReport(s, counters, "note: x");
     EXPECT_EQ(shown.rfind("note: x\nvekd report\n", 0), 0u);
-    EXPECT_NE(shown.find("installed_share  health\n"), std::string::npos) << shown;
-    EXPECT_NE(shown.find("0.500            up rtt=12ms lost=0\n"), std::string::npos) << shown;
-    EXPECT_NE(shown.find("-                -\n"), std::string::npos) << shown;
+    for (const char* expected : {"installed_share  health\n", "0.500            up rtt=12ms lost=0\n", "-                -\n"}) {
+        EXPECT_NE(shown.find(expected), std::string::npos) << expected << "\nin\n" << shown;
+    }
 }
 
 TEST(ReportTest, ArgumentsGiveHelpOrOneBoundedPrintableNote) {
-    const std::string longArg(5000, 'x');
-    const std::vector<std::string> many(10000, "y");
-    struct Case {
+    const struct {
         std::vector<std::string> args;
         bool help;
         std::string noteStart;
@@ -70,16 +55,16 @@ TEST(ReportTest, ArgumentsGiveHelpOrOneBoundedPrintableNote) {
         {{"--help"}, true, ""},
         {{"-h", "zz"}, true, "note: 1 unknown argument ignored: 'zz'"},
         {{std::string("a\x01\xff'\n", 5)}, false, "note: 1 unknown argument ignored: 'a\\x01\\xff\\x27\\x0a'"},
-        {{longArg}, false, "note: 1 unknown argument ignored: '" + std::string(32, 'x') + "...'"},
-        {many, false, "note: 10000 unknown arguments ignored: 'y' 'y'"},
+        {{std::string(5000, 'x')}, false, "note: 1 unknown argument ignored: '" + std::string(32, 'x') + "...'"},
+        {std::vector<std::string>(10000, "y"), false, "note: 10000 unknown arguments ignored: 'y' 'y'"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const DumpRequest request = parseDumpArgs(c.args);
         EXPECT_EQ(request.help, c.help);
         EXPECT_EQ(request.note.rfind(c.noteStart, 0), 0u) << request.note;
         EXPECT_EQ(request.note.find('\n'), std::string::npos);
         EXPECT_LT(request.note.size(), 240u);
-        EXPECT_EQ(request.note.empty(), c.noteStart.empty());
+        EXPECT_EQ(request.note.empty(), c.noteStart.empty());  // no note but for unknown arguments
     }
 }
 
