@@ -7,7 +7,6 @@
 namespace vekd::report {
 namespace {
 
-// Counts start at zero in each process: nothing was counted before.
 TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
     Snapshot s;
     s.runState = 2;
@@ -19,7 +18,7 @@ TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
     s.dnsInterface = "wlan0";
     s.dnsServer = "192.168.1.1";
     s.config = {{"wifi_threshold", "1600"}, {"interface_0", "a\nb"}};
-    countSocketsDestroyed(3);
+    countSocketsDestroyed(3);  // the first count of this process: counters start at zero
     for (uint32_t code : {1u, 1u, 0x5f444d50u, 0x1000u}) countTransaction(code);
     const CounterValues counters = readCounters();
     const std::string off = formatReport(s, counters, "");
