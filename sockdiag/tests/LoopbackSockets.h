@@ -1,6 +1,5 @@
-// Real sockets on loopback owned by chosen UIDs, for the namespace tests and
-// the benchmark; run only inside a private network namespace. Functions that
-// make a socket answer -1 on failure.
+// Real sockets on loopback owned by chosen UIDs, for the namespace tests and the
+// benchmark (only in a private network namespace); -1 when one fails.
 #pragma once
 
 #include <arpa/inet.h>
@@ -10,15 +9,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <vector>
 
 namespace vekd::test {
 
 // Closes every descriptor it holds.
 struct Fds {
-    Fds() = default;
-    Fds(const Fds&) = delete;
     ~Fds() {
         for (int fd : m_fds) close(fd);
     }
@@ -50,16 +46,12 @@ inline int loopbackSocket(int family, int type, uid_t uid, uint16_t port) {
     if (family == AF_INET) reinterpret_cast<sockaddr_in*>(&a)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const socklen_t len = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     const auto* addr = reinterpret_cast<const sockaddr*>(&a);
-    if (fd < 0 || (port != 0 ? connect(fd, addr, len) : bind(fd, addr, len)) == 0) return fd;
-    close(fd);
-    return -1;
+    return fd >= 0 && (port != 0 ? connect(fd, addr, len) : bind(fd, addr, len)) == 0 ? fd : -1;
 }
 
 inline int tcpListener(int family, int backlog = 128, uid_t uid = 0) {
     const int fd = loopbackSocket(family, SOCK_STREAM, uid, 0);
-    if (fd < 0 || listen(fd, backlog) == 0) return fd;
-    close(fd);
-    return -1;
+    return fd >= 0 && listen(fd, backlog) == 0 ? fd : -1;
 }
 
 inline int tcpConnect(int family, uint16_t port, uid_t uid) { return loopbackSocket(family, SOCK_STREAM, uid, port); }
@@ -71,7 +63,6 @@ inline uint16_t localPort(int fd) {
     return getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0 ? ntohs(a.sin6_port) : 0;
 }
 
-// The TCP state (TCP_ESTABLISHED ...) of `fd`, or -1.
 inline int tcpState(int fd) {
     tcp_info info{};
     socklen_t len = sizeof(info);
@@ -89,7 +80,7 @@ inline int pendingError(int fd) {
 inline bool raiseOpenFileLimit(rlim_t n) {
     rlimit lim{};
     if (getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur >= n) return true;
-    lim = {n, std::max(lim.rlim_max, n)};
+    lim = {n, lim.rlim_max < n ? n : lim.rlim_max};
     return setrlimit(RLIMIT_NOFILE, &lim) == 0;
 }
 

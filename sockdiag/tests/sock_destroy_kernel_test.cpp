@@ -2,8 +2,7 @@
 // test's own (the dump only sees that namespace's sockets).
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
 
 #include "platform/LogSink.h"
 #include "sockdiag/SockDiag.h"
@@ -15,54 +14,42 @@ namespace {
 
 using namespace vekd::test;
 
-constexpr uid_t kApp = 10123;
-constexpr uid_t kOtherApp = 10124;
+constexpr uid_t kApp = 10123, kOtherApp = 10124;
 
 TEST(SockDestroyKernel, DestroysTheUidsSocketsOnBothFamiliesAndSparesTheRest) {
     vekd::platform::installHostLogger();
     VEKD_REQUIRE_PRIVATE_NETNS();
-    struct Scene {
-        int family, appListener, appClient, appAccepted, appUdp, otherClient, otherUdp;
-    };
     Fds fds;
-    std::vector<Scene> scenes;
+    LogCapture log;
     for (int family : {AF_INET, AF_INET6}) {
+        SCOPED_TRACE(family == AF_INET ? "IPv4" : "IPv6");
         // Connections to root's listener stay queued unaccepted, which is enough.
         const int rootPort = localPort(fds.add(tcpListener(family)));
         const int udpPort = localPort(fds.add(loopbackSocket(family, SOCK_DGRAM, 0, 0)));
-        Scene s{};
-        s.family = family;
-        s.appListener = fds.add(tcpListener(family, 128, kApp));
-        s.appClient = fds.add(tcpConnect(family, rootPort, kApp));
-        fds.add(tcpConnect(family, localPort(s.appListener), 0));
-        s.appAccepted = fds.add(as(kApp, [&] { return accept(s.appListener, nullptr, nullptr); }));
-        s.appUdp = fds.add(loopbackSocket(family, SOCK_DGRAM, kApp, udpPort));
-        s.otherClient = fds.add(tcpConnect(family, rootPort, kOtherApp));
-        s.otherUdp = fds.add(loopbackSocket(family, SOCK_DGRAM, kOtherApp, udpPort));
-        for (int fd : {rootPort, udpPort, s.appListener, s.appClient, s.appAccepted, s.appUdp, s.otherClient, s.otherUdp}) {
-            ASSERT_GT(fd, 0) << strerror(errno);
-        }
-        scenes.push_back(s);
-    }
+        const int appListener = fds.add(tcpListener(family, 128, kApp));
+        const int appClient = fds.add(tcpConnect(family, rootPort, kApp));
+        fds.add(tcpConnect(family, localPort(appListener), 0));
+        const int appAccepted = fds.add(as(kApp, [&] { return accept(appListener, nullptr, nullptr); }));
+        const int appUdp = fds.add(loopbackSocket(family, SOCK_DGRAM, kApp, udpPort));
+        const int otherClient = fds.add(tcpConnect(family, rootPort, kOtherApp));
+        const int otherUdp = fds.add(loopbackSocket(family, SOCK_DGRAM, kOtherApp, udpPort));
+        ASSERT_GT(std::min({rootPort, udpPort, appListener, appClient, appAccepted, appUdp, otherClient, otherUdp}), 0);
 
-    LogCapture log;
-    EXPECT_EQ(killSocketsForUID("10123"), 0);
-    if (log.contains("SOCK DESTROY [-95]")) GTEST_SKIP() << "this kernel does not destroy sockets (CONFIG_INET_DIAG_DESTROY)";
-    // Per family: the app's client, its accepted connection and its UDP socket.
-    EXPECT_EQ(log.count("VEK_GAMING: SOCK DESTROY [0]"), 6u);
-    for (const Scene& s : scenes) {
-        SCOPED_TRACE(s.family == AF_INET ? "IPv4" : "IPv6");
-        // Destroyed: closed, with the abort waiting as the socket's error.
-        EXPECT_EQ(tcpState(s.appClient), TCP_CLOSE);
-        EXPECT_EQ(pendingError(s.appClient), ECONNABORTED);
-        EXPECT_EQ(tcpState(s.appAccepted), TCP_CLOSE);
-        EXPECT_EQ(pendingError(s.appUdp), ECONNABORTED);
+        log.clear();
+        EXPECT_EQ(killSocketsForUID("10123"), 0);
+        if (log.contains("SOCK DESTROY [-95]")) GTEST_SKIP() << "this kernel does not destroy sockets (CONFIG_INET_DIAG_DESTROY)";
+        // Destroyed: the app's client, its accepted connection and its UDP
+        // socket, closed with the abort waiting as the socket's error.
+        EXPECT_EQ(log.count("VEK_GAMING: SOCK DESTROY [0]"), 3u);
+        EXPECT_EQ(tcpState(appClient), TCP_CLOSE);
+        EXPECT_EQ(pendingError(appClient), ECONNABORTED);
+        EXPECT_EQ(tcpState(appAccepted), TCP_CLOSE);
+        EXPECT_EQ(pendingError(appUdp), ECONNABORTED);
         // Spared: the app's listener and the other app's sockets, which still carry data.
-        EXPECT_EQ(tcpState(s.appListener), TCP_LISTEN);
-        EXPECT_EQ(tcpState(s.otherClient), TCP_ESTABLISHED);
-        EXPECT_EQ(send(s.otherClient, "x", 1, 0), 1);
-        EXPECT_EQ(send(s.otherUdp, "x", 1, 0), 1);
-        EXPECT_EQ(pendingError(s.otherUdp), 0);
+        EXPECT_EQ(tcpState(appListener), TCP_LISTEN);
+        EXPECT_EQ(tcpState(otherClient), TCP_ESTABLISHED);
+        EXPECT_EQ(send(otherUdp, "x", 1, 0), 1);
+        EXPECT_EQ(pendingError(otherUdp), 0);
     }
 }
 
