@@ -15,16 +15,16 @@ class MainLoopTurn : public testing::Test {
     MainLoop loop{params};
 };
 
-TEST_F(MainLoopTurn, ManagerIsFetchedInStatesOneAndTwoOnly) {
-    struct Case {
-        int32_t state;
-        bool fetched;
-    };
-    for (const Case& c : {Case{0, false}, Case{3, false}, Case{-1, false}, Case{1, true}, Case{2, true}}) {
+// The debug property: 1 sets the verbose flag, 0 clears it, anything else keeps it.
+TEST_F(MainLoopTurn, ManagerIsFetchedInStatesOneAndTwoOnlyAndTheDebugPropertySetsTheFlag) {
+    for (const auto& [state, fetched, debug, flag] : std::vector<std::tuple<int32_t, bool, const char*, int>>{
+             {0, false, "1", 1}, {3, false, "5", 1}, {-1, false, "0", 0}, {1, true, "5", 0}, {2, true, "1", 1}}) {
         MainLoop fresh(params);
-        params->m_runState.store(c.state);
+        params->m_runState.store(state);
+        d.props.set("vendor.vek.debug", debug);
         EXPECT_TRUE(fresh.turn());
-        EXPECT_EQ(fresh.manager(), c.fetched ? NuvManager::instance() : nullptr) << "state " << c.state;
+        EXPECT_EQ(fresh.manager(), fetched ? NuvManager::instance() : nullptr) << "state " << state;
+        EXPECT_EQ(gDebugLogEnabled, flag) << debug;
     }
 }
 
@@ -44,18 +44,6 @@ TEST_F(MainLoopTurn, OnlyStateTwoSleepsThePeriodFormedIn32Bits) {
     EXPECT_EQ(d.waiter.waits(), 1);
 }
 
-TEST_F(MainLoopTurn, DebugPropertyOneSetsZeroClearsAnythingElseKeepsTheFlag) {
-    const struct {
-        const char* value;
-        int flag;
-    } steps[] = {{"1", 1}, {"5", 1}, {"0", 0}, {"5", 0}, {"1", 1}};
-    for (const auto& step : steps) {
-        d.props.set("vendor.vek.debug", step.value);
-        EXPECT_TRUE(loop.turn());
-        EXPECT_EQ(gDebugLogEnabled, step.flag) << step.value;
-    }
-}
-
 TEST_F(MainLoopTurn, EnabledTwoEndsTheLoopAndShutdownCleansUpOnlyWithAHandle) {
     d.props.set("vendor.vek.enabled", "2");
     params->m_runState.store(0);
@@ -69,8 +57,7 @@ TEST_F(MainLoopTurn, EnabledTwoEndsTheLoopAndShutdownCleansUpOnlyWithAHandle) {
     EXPECT_FALSE(loop.turn());
     d.pipe.clear();
     loop.shutdown();
-    // The rule manager's teardown ran.
-    EXPECT_FALSE(d.pipe.commands().empty());
+    EXPECT_FALSE(d.pipe.commands().empty()) << "the rule manager's teardown ran";
 }
 
 }  // namespace
