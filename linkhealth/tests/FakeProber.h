@@ -15,7 +15,6 @@ namespace vekd::test {
 class FakeProber : public linkhealth::LinkProber {
   public:
     explicit FakeProber(FakeClock& clock) : m_clock(clock), m_scope(*this) {}
-
     bool resolve(const std::string&, uint32_t* address) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         ++resolves;
@@ -26,17 +25,15 @@ class FakeProber : public linkhealth::LinkProber {
     bool send(size_t link, uint32_t, uint16_t sequence) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         ++sent[link];
-        if (rttMs.count(link) != 0 && rttMs[link] >= 0) {
-            m_pending.emplace(m_clock.monotonicMs() + rttMs[link], linkhealth::ProbeAnswer{link, sequence});
-        }
+        const auto rtt = m_rttMs.find(link);
+        if (rtt != m_rttMs.end() && rtt->second >= 0) m_pending.emplace(m_clock.monotonicMs() + rtt->second, linkhealth::ProbeAnswer{link, sequence});
         return true;
     }
     // Up to the first pending answer, or the whole timeout.
     void wait(int timeoutMs, std::vector<linkhealth::ProbeAnswer>* answers) override {
         if (sleepInWaits) usleep(1000);  // threads: no spinning
         std::lock_guard<std::mutex> lock(m_mutex);
-        int64_t until = m_clock.monotonicMs() + timeoutMs;
-        if (!m_pending.empty() && m_pending.begin()->first <= until) until = m_pending.begin()->first;
+        const int64_t until = std::min(m_clock.monotonicMs() + timeoutMs, m_pending.empty() ? INT64_MAX : m_pending.begin()->first);
         m_clock.setNowMs(static_cast<uint64_t>(until));
         while (!m_pending.empty() && m_pending.begin()->first == until) {
             answers->push_back(m_pending.begin()->second);
@@ -47,7 +44,7 @@ class FakeProber : public linkhealth::LinkProber {
     void closeAll() override {}
     void setRtt(size_t link, int ms) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        rttMs[link] = ms;
+        m_rttMs[link] = ms;
     }
 
     // Set before the monitor runs, or under the tests' own ordering.
@@ -59,7 +56,7 @@ class FakeProber : public linkhealth::LinkProber {
   private:
     FakeClock& m_clock;
     std::mutex m_mutex;
-    std::map<size_t, int> rttMs;  // guarded by m_mutex
+    std::map<size_t, int> m_rttMs;  // guarded by m_mutex
     std::multimap<int64_t, linkhealth::ProbeAnswer> m_pending;
     ScopedSeam<linkhealth::LinkProber> m_scope;
 };

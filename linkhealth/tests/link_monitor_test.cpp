@@ -63,14 +63,26 @@ class Monitor : public testing::Test {
     LinkMonitor monitor;
 };
 
-TEST_F(Monitor, ADeadLinkIsDownAfterItsLostProbesAndBackAfterTheHysteresis) {
-    prober.setRtt(0, 20);
+// One run: nothing is probed until the target resolves; a dead link is down
+// after its lost probes and back after the hysteresis; late answers keep a
+// link alive; every link down changes nothing; a restart starts afresh.
+TEST_F(Monitor, ProbingFromResolvingToDownUpAndRestart) {
+    settings.timeoutMs = 100;
+    prober.resolvable = false;
+    prober.setRtt(0, 150);  // every probe lost, and then answered
     prober.setRtt(1, 40);
     begin();
+    runFor(4000);
+    EXPECT_EQ(prober.sent[1], 0);
+    prober.resolvable = true;
+    runFor(2500);  // retried 5 s after the failure
+    EXPECT_EQ(prober.resolves, 2);
+    const int sent = prober.sent[1];
     runFor(2000);
-    EXPECT_EQ(changes, 0);
+    EXPECT_EQ(prober.sent[1] - sent, 8) << "one probe in flight per link, one per period";
+    EXPECT_EQ(monitor.snapshot()[0].smoothedRttMs, 150);
     EXPECT_EQ(monitor.snapshot()[1].smoothedRttMs, 40);
-    EXPECT_EQ(prober.sent[1], 8) << "one probe in flight per link, one per period";
+    EXPECT_EQ(changes, 0);
 
     prober.setRtt(1, -1);
     const int64_t detection = runFor(60000, [&] { return !monitor.downLinks().empty(); });
@@ -79,42 +91,20 @@ TEST_F(Monitor, ADeadLinkIsDownAfterItsLostProbesAndBackAfterTheHysteresis) {
     EXPECT_EQ(monitor.downLinks(), std::set<std::string>{"rmnet_data0"});
     EXPECT_EQ(log.count("link rmnet_data0 down: 4 probes lost in a row"), 1u);
     EXPECT_EQ(monitor.snapshot()[1].lostInRow, 4);
-
     prober.setRtt(1, 30);
     runFor(2 * 250 + 100);
     EXPECT_TRUE(monitor.downLinks().empty());
     EXPECT_EQ(changes, 2);
     EXPECT_EQ(log.count("link rmnet_data0 up: round-trip time 30 ms"), 1u);
-}
 
-TEST_F(Monitor, LateAnswersKeepALinkAliveAndEveryLinkDownChangesNothing) {
-    settings.timeoutMs = 100;
-    prober.setRtt(0, 150);  // every probe lost, and then answered
-    prober.setRtt(1, -1);
-    begin();
-    runFor(2000);
-    EXPECT_EQ(monitor.snapshot()[0].smoothedRttMs, 150);
-    EXPECT_EQ(monitor.downLinks(), std::set<std::string>{"rmnet_data0"});
     prober.setRtt(0, -1);
-    runFor(2000);
+    prober.setRtt(1, -1);
+    runFor(3000);
     EXPECT_FALSE(monitor.snapshot()[0].up);
     EXPECT_TRUE(monitor.downLinks().empty());
-    EXPECT_EQ(prober.resolves, 2) << "with every link down the target is looked up again";
-}
-
-TEST_F(Monitor, NothingIsProbedUntilTheTargetResolvesAndARestartStartsAfresh) {
-    prober.resolvable = false;
-    prober.setRtt(0, -1);
-    prober.setRtt(1, 10);
+    EXPECT_EQ(prober.resolves, 3) << "with every link down the target is looked up again";
     begin();
-    runFor(4000);
-    EXPECT_EQ(prober.sent[0], 0);
-    prober.resolvable = true;
-    runFor(2500);  // retried 5 s after the failure
-    EXPECT_EQ(prober.resolves, 2);
-    EXPECT_EQ(monitor.downLinks(), std::set<std::string>{"wlan0"});
-    begin();
-    EXPECT_TRUE(monitor.downLinks().empty());
+    EXPECT_EQ(monitor.snapshot()[1].lostInRow, 0);
     settings.periodMs = 0;  // off: the run ends and nothing starts
     monitor.start(settings, {{"wlan0", 0x5A}});
     EXPECT_TRUE(monitor.snapshot().empty());
