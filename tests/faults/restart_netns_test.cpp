@@ -4,56 +4,17 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <sstream>
 #include <thread>
 
-#include "tests/faults/DaemonUnderTest.h"
+#include "tests/support/DaemonProcess.h"
 #include "tests/support/NetNamespace.h"
 
 namespace {
 
-using vekd::test::DaemonUnderTest;
+using vekd::test::eventually;
 using vekd::test::runShell;
 using namespace std::chrono_literals;
-
-// Lines of `text` that contain `fragment`.
-size_t countContaining(const std::string& text, const std::string& fragment) {
-    std::istringstream in(text);
-    size_t n = 0;
-    for (std::string l; std::getline(in, l);) n += l.find(fragment) != std::string::npos;
-    return n;
-}
-
-bool waitForCall(DaemonUnderTest& d, const std::string& fragment, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        const auto calls = d.root().calls();
-        if (std::any_of(calls.begin(), calls.end(),
-                        [&](const std::string& c) { return c.find(fragment) != std::string::npos; })) {
-            return true;
-        }
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(2ms);
-    }
-}
-
-// Wrappers that log each call like the recording ones and then run the real
-// commands; routing tables are numbered in the namespace.
-void installRealWrappers(DaemonUnderTest& d) {
-    const std::string calls = d.path() + "/calls.log";
-    d.root().root().writeFile("/system/bin/iptables-wrapper-1.0",
-                              "#!/bin/sh\necho \"iptables-wrapper-1.0 $*\" >> " + calls +
-                                  "\nexec iptables \"$@\"\n",
-                              true);
-    d.root().root().writeFile("/system/bin/ip-wrapper-1.0",
-                              "#!/bin/bash\necho \"ip-wrapper-1.0 $*\" >> " + calls +
-                                  "\nargs=() prev=\nfor a in \"$@\"; do\n"
-                                  "  if [ \"$prev\" = table ]; then\n"
-                                  "    case $a in wlan0) a=100 ;; rmnet_data0) a=101 ;; esac\n"
-                                  "  fi\n  args+=(\"$a\"); prev=$a\ndone\nexec ip \"${args[@]}\"\n",
-                              true);
-}
 
 TEST(KilledMidConfiguration, RestartLeavesEveryHookOnce) {
     VEKD_REQUIRE_PRIVATE_NETNS();
@@ -65,31 +26,29 @@ TEST(KilledMidConfiguration, RestartLeavesEveryHookOnce) {
         "ip route add default dev wlan0 table 100 && ip route add default dev rmnet_data0 table 101 2>&1",
         &rc);
     ASSERT_EQ(rc, 0) << out;
-
-    DaemonUnderTest d("vek_uid_list=10123\nmini_est_interval=200\n");
-    installRealWrappers(d);
+    vekd::test::Vekd d("vek_uid_list=10123\nmini_est_interval=200\n");
+    // The real commands; routing tables are numbered in the namespace.
+    d.wrap("iptables-wrapper-1.0", "exec iptables \"$@\"");
+    d.wrap("ip-wrapper-1.0", "exec ip $(echo \"$*\" | sed 's/table wlan0/table 100/; s/table rmnet_data0/table 101/')");
 
     // Run 1: killed while the constructor appends its hooks.
     d.launch();
-    ASSERT_TRUE(waitForCall(d, "-t mangle -A OUTPUT -j kwop_NUV", 20s)) << d.log();
-    d.process().stop(SIGKILL);
+    ASSERT_TRUE(eventually([&] { return d.called("-t mangle -A OUTPUT -j kwop_NUV"); }, 20s, 2ms)) << d.log();
+    d.process->stop(SIGKILL);
 
-    // Run 2: killed while the interfaces are being configured.
-    std::string why;
-    d.launch();
-    ASSERT_TRUE(d.waitUntilServing(&why)) << why;
+    // Run 2: killed after the first link's policy-routing rule, before the
+    // second link's chain.
+    ASSERT_TRUE(d.start());
     ASSERT_EQ(d.vekctl({"iface", "0", vekd::test::kWlanParams}), 0);
     ASSERT_EQ(d.vekctl({"iface", "1", vekd::test::kWwanParams}), 0);
     std::thread ready([&] { d.vekctl({"iface-ready"}); });
-    // After the first link's policy-routing rule, before the second link's chain.
-    const bool midway = waitForCall(d, "rule add fwmark 0x5B", 20s);
-    d.process().stop(SIGKILL);
+    const bool midway = eventually([&] { return d.called("rule add fwmark 0x5B"); }, 20s, 2ms);
+    d.process->stop(SIGKILL);
     ready.join();
     ASSERT_TRUE(midway) << d.log();
 
     // Run 3: to the end.
-    d.launch();
-    ASSERT_TRUE(d.waitUntilServing(&why)) << why;
+    ASSERT_TRUE(d.start());
     ASSERT_TRUE(d.configureTwoLinks()) << d.log();
     ASSERT_EQ(d.vekctl({"update-uid", "10123", "2"}), 0);
     ASSERT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
@@ -116,7 +75,10 @@ TEST(KilledMidConfiguration, RestartLeavesEveryHookOnce) {
     };
     for (const auto& o : once) {
         const std::string listing = runShell(o.listing);
-        EXPECT_EQ(countContaining(listing, o.rule), 1u) << o.listing << ":\n" << listing;
+        std::istringstream lines(listing);
+        size_t copies = 0;
+        for (std::string l; std::getline(lines, l);) copies += l.find(o.rule) != std::string::npos;
+        EXPECT_EQ(copies, 1u) << o.listing << ":\n" << listing;
     }
 }
 

@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -17,12 +19,21 @@
 namespace vekd::test {
 namespace {
 
-std::vector<char*> argvOf(const std::string& program, const std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
+pid_t spawn(const std::string& program, const std::vector<std::string>& args, const std::string& root, int outFd,
+            int errFd) {
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    return argv;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+        dup2(outFd, STDOUT_FILENO);
+        dup2(errFd, STDERR_FILENO);
+        setenv("VEKD_ROOT", root.c_str(), 1);
+        execv(program.c_str(), argv.data());
+        _exit(127);
+    }
+    return pid;
 }
 
 std::string slurp(const std::string& path) {
@@ -32,31 +43,45 @@ std::string slurp(const std::string& path) {
     return ss.str();
 }
 
+std::vector<std::string> split(const std::string& text, char end) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string item; std::getline(in, item, end);) out.push_back(item);
+    return out;
+}
+
+int countEntries(const std::string& dir) {
+    std::error_code ec;
+    std::filesystem::directory_iterator it(dir, ec);
+    return ec ? -1 : static_cast<int>(std::distance(it, std::filesystem::directory_iterator()));
+}
+
 }  // namespace
 
 std::string binaryPath(const std::string& name) { return std::string(VEKD_BINARY_DIR) + "/" + name; }
 
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout,
+                std::chrono::milliseconds every) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(every);
+    }
+    return true;
+}
+
 DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::string>& args,
                              const std::string& root, const std::string& logFile)
     : m_logFile(logFile) {
-    std::vector<char*> argv = argvOf(program, args);
-    m_pid = fork();
-    if (m_pid == 0) {
-        int fd = open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (fd >= 0) dup2(fd, STDERR_FILENO);
-        int devnull = open("/dev/null", O_RDWR);
-        if (devnull >= 0) {
-            dup2(devnull, STDIN_FILENO);
-            dup2(devnull, STDOUT_FILENO);
-        }
-        setenv("VEKD_ROOT", root.c_str(), 1);
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    }
+    const int log = open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    m_pid = spawn(program, args, root, devnull, log);
+    close(log);
+    close(devnull);
 }
 
 DaemonProcess::~DaemonProcess() {
-    if (m_pid > 0 && running()) stop(SIGKILL);
+    if (running()) stop(SIGKILL);
 }
 
 std::string DaemonProcess::log() const { return slurp(m_logFile); }
@@ -68,69 +93,36 @@ size_t DaemonProcess::logCount(const std::string& fragment) const {
     return n;
 }
 
-bool DaemonProcess::waitForLog(const std::string& fragment, std::chrono::milliseconds timeout,
-                               size_t count) const {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (logCount(fragment) < count) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+bool DaemonProcess::waitForLog(const std::string& fragment, std::chrono::milliseconds timeout, size_t count) const {
+    return eventually([&] { return logCount(fragment) >= count; }, timeout);
 }
 
 bool DaemonProcess::running() {
-    if (m_pid <= 0) return false;
     int status = 0;
-    pid_t r = waitpid(m_pid, &status, WNOHANG);
-    if (r == m_pid) {
-        m_pid = -1;
-        return false;
-    }
-    return r == 0;
+    if (m_pid > 0 && waitpid(m_pid, &status, WNOHANG) == m_pid) m_pid = -1;
+    return m_pid > 0;
 }
 
 int DaemonProcess::stop(int signal, std::chrono::milliseconds timeout) {
+    int status = -1;
     if (m_pid <= 0) return -1;
     kill(m_pid, signal);
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        int status = 0;
-        pid_t r = waitpid(m_pid, &status, WNOHANG);
-        if (r == m_pid) {
-            m_pid = -1;
-            return status;
-        }
-        if (std::chrono::steady_clock::now() > deadline) return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    if (!eventually([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, timeout)) return -1;
+    m_pid = -1;
+    return status;
 }
 
 int runProgram(const std::string& program, const std::vector<std::string>& args, const std::string& root,
                std::string* out, std::string* err) {
     char outPath[] = "/tmp/vekd-run-out-XXXXXX";
     char errPath[] = "/tmp/vekd-run-err-XXXXXX";
-    int outFd = mkstemp(outPath);
-    int errFd = mkstemp(errPath);
-    std::vector<char*> argv = argvOf(program, args);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(outFd, STDOUT_FILENO);
-        dup2(errFd, STDERR_FILENO);
-        setenv("VEKD_ROOT", root.c_str(), 1);
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    }
-    // Bounded: a daemon that stops answering must fail the test, not hang it.
+    const int outFd = mkostemp(outPath, O_CLOEXEC);
+    const int errFd = mkostemp(errPath, O_CLOEXEC);
+    const pid_t pid = spawn(program, args, root, outFd, errFd);
     int status = 0;
-    bool hung = pid > 0;
-    for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-         hung && std::chrono::steady_clock::now() < deadline;) {
-        if (waitpid(pid, &status, WNOHANG) == pid) {
-            hung = false;
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-    }
+    // Bounded: a daemon that stops answering must fail the test, not hang it.
+    const auto exited = [&] { return waitpid(pid, &status, WNOHANG) == pid; };
+    const bool hung = !eventually(exited, std::chrono::seconds(30), std::chrono::milliseconds(1));
     if (hung) {
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
@@ -138,11 +130,109 @@ int runProgram(const std::string& program, const std::vector<std::string>& args,
     close(outFd);
     close(errFd);
     if (out) *out = slurp(outPath);
-    if (err) *err = (hung ? std::string(program + " got no answer within 30 s\n") : std::string()) + slurp(errPath);
+    if (err) *err = (hung ? program + " got no answer within 30 s\n" : std::string()) + slurp(errPath);
     unlink(outPath);
     unlink(errPath);
     if (hung) return -2;
-    return (pid > 0 && WIFEXITED(status)) ? WEXITSTATUS(status) : -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+Vekd::Vekd(const std::string& conf) {
+    wrap("iptables-wrapper-1.0", "");
+    wrap("ip-wrapper-1.0", "");
+    root.writeFile("/data/vendor/vek/vekd.conf", conf);
+    root.writeFile("/calls.log", "");
+    makeDirs(root.at("/dev/__properties__"));
+    makeDirs(root.at("/proc/vek"));
+    mkfifo(root.at("/proc/vek/config").c_str(), 0600);
+    // Held open for reading and writing, the FIFO never reads as closed
+    // between the daemon's commands and never blocks the daemon's writes.
+    m_control = open(root.at("/proc/vek/config").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    fcntl(m_control, F_SETPIPE_SZ, 1 << 20);
+}
+
+Vekd::~Vekd() {
+    process.reset();
+    close(m_control);
+}
+
+void Vekd::launch() {
+    process.reset();
+    // Each run's log starts afresh, so counts and waits see only this run.
+    unlink(root.at("/vekd.log").c_str());
+    process = std::make_unique<DaemonProcess>(binaryPath("vekd"), std::vector<std::string>{}, root.path(),
+                                              root.at("/vekd.log"));
+}
+
+testing::AssertionResult Vekd::serving() const {
+    if (waitForLog("D vekd: Added service", std::chrono::seconds(20))) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "vekd did not register its service:\n" << log();
+}
+
+testing::AssertionResult Vekd::start() {
+    launch();
+    return serving();
+}
+
+int Vekd::vekctl(const std::vector<std::string>& args, std::string* err) const {
+    return runProgram(binaryPath("vekctl"), args, root.path(), nullptr, err);
+}
+
+bool Vekd::configureTwoLinks() const {
+    return vekctl({"iface", "0", kWlanParams}) == 0 && vekctl({"iface", "1", kWwanParams}) == 0 &&
+           vekctl({"iface-ready"}) == 0;
+}
+
+void Vekd::setProperty(const std::string& name, const std::string& value) const {
+    const std::string file = root.at("/dev/__properties__/" + name);
+    std::ofstream(file + ".tmp", std::ios::trunc) << value << "\n";
+    rename((file + ".tmp").c_str(), file.c_str());
+}
+
+void Vekd::wrap(const std::string& wrapper, const std::string& then) const {
+    root.writeFile("/system/bin/" + wrapper,
+                   "#!/bin/sh\n{ printf '<%s>' " + wrapper + " \"$@\"; printf '\\0'; } >> " + root.at("/calls.log") +
+                       "\n" + then + "\n",
+                   true);
+}
+
+bool Vekd::waitForLog(const std::string& fragment, std::chrono::milliseconds timeout, size_t count) const {
+    return process->waitForLog(fragment, timeout, count);
+}
+
+std::vector<std::string> Vekd::argumentCalls() const { return split(slurp(root.at("/calls.log")), '\0'); }
+
+std::vector<std::string> Vekd::calls() const {
+    std::vector<std::string> out;
+    for (std::string call : argumentCalls()) {
+        for (size_t at = call.find("><"); at != std::string::npos; at = call.find("><", at)) call.replace(at, 2, " ");
+        out.push_back(call.substr(1, call.size() - 2));
+    }
+    return out;
+}
+
+bool Vekd::called(const std::string& fragment) const {
+    const std::vector<std::string> all = calls();
+    return std::any_of(all.begin(), all.end(), [&](const std::string& c) { return c.find(fragment) != c.npos; });
+}
+
+std::vector<std::string> Vekd::controlCommands() {
+    char buf[4096];
+    for (ssize_t n; (n = read(m_control, buf, sizeof(buf))) > 0;) m_received.append(buf, static_cast<size_t>(n));
+    std::vector<std::string> out = split(m_received, '\0');
+    return out.empty() ? std::vector<std::string>{""} : out;
+}
+
+int Vekd::descriptors() const { return countEntries("/proc/" + std::to_string(process->pid()) + "/fd"); }
+
+int Vekd::threads() const { return countEntries("/proc/" + std::to_string(process->pid()) + "/task"); }
+
+long Vekd::residentKb() const {
+    std::ifstream in("/proc/" + std::to_string(process->pid()) + "/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+    }
+    return -1;
 }
 
 }  // namespace vekd::test

@@ -1,17 +1,26 @@
-// Runs a program of the build (vekd, vekctl, vekstatd) as a child process
-// under a root directory, with its standard error captured to a file.
+// The programs of the build (vekd, vekctl, vekstatd) as child processes under
+// a root directory, and the real daemon under a root that records what it runs.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "tests/support/TempRoot.h"
 
 namespace vekd::test {
 
 // build/bin/<name> of the tree these tests were built in.
 std::string binaryPath(const std::string& name);
+
+// Polls `condition` until it holds; false when `timeout` passed first.
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout,
+                std::chrono::milliseconds every = std::chrono::milliseconds(10));
 
 class DaemonProcess {
   public:
@@ -41,5 +50,57 @@ class DaemonProcess {
 // stderr returned through the pointers.
 int runProgram(const std::string& program, const std::vector<std::string>& args,
                const std::string& root, std::string* out = nullptr, std::string* err = nullptr);
+
+// The interface strings of the two links most tests configure.
+inline constexpr const char* kWlanParams = "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1";
+inline constexpr const char* kWwanParams = "rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1";
+
+// The real vekd under a root of its own: a configuration, wrappers that log
+// each call instead of touching a packet filter, and the module's control FIFO.
+class Vekd {
+  public:
+    explicit Vekd(const std::string& conf);
+    ~Vekd();
+
+    // Starts vekd (again, an earlier one killed) with a fresh log.
+    void launch();
+    // Waits until the service is registered.
+    testing::AssertionResult serving() const;
+    testing::AssertionResult start();
+    bool alive() { return process->running(); }
+
+    int vekctl(const std::vector<std::string>& args, std::string* err = nullptr) const;
+    bool answersPing() const { return vekctl({"ping"}) == 0; }
+    // Both links' strings and iface-ready; true when all were answered 0.
+    bool configureTwoLinks() const;
+    // Replaces a property file atomically, as a writer on a device would.
+    void setProperty(const std::string& name, const std::string& value) const;
+    // Makes `wrapper` log its call, then run the shell text `then`.
+    void wrap(const std::string& wrapper, const std::string& then) const;
+
+    std::string log() const { return process->log(); }
+    size_t logCount(const std::string& fragment) const { return process->logCount(fragment); }
+    bool waitForLog(const std::string& fragment, std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                    size_t count = 1) const;
+    // Every wrapper call so far as "<wrapper><arg>...<arg>", argument ends visible.
+    std::vector<std::string> argumentCalls() const;
+    // The same as "wrapper arg ... arg".
+    std::vector<std::string> calls() const;
+    // Whether some call so far contains `fragment`.
+    bool called(const std::string& fragment) const;
+    // The control commands received so far, without their NULs ({""} when none).
+    std::vector<std::string> controlCommands();
+    // What /proc says about the daemon; -1 when it cannot be read.
+    int descriptors() const;
+    int threads() const;
+    long residentKb() const;
+
+    TempRoot root;
+    std::unique_ptr<DaemonProcess> process;
+
+  private:
+    int m_control = -1;
+    std::string m_received;
+};
 
 }  // namespace vekd::test

@@ -1,10 +1,7 @@
-// The device test build's way into LogCapture. On a device the platform's
-// log library sends every record to logd and has no hook that the host
-// logger (platform/HostLog.cpp) could use, so the test binary defines the one
-// logging function the code calls and routes its records through the
-// LogSink seam, as the host logger does on a host. Linked only into the
-// device test (android/Android.bp); host builds compile it, unlinked, so
-// that it cannot rot.
+// The device test build's way into LogCapture: the platform's log library
+// has no hook, so the test binary defines the one logging function the code
+// calls and routes it through the LogSink seam. Host builds compile it,
+// unlinked, so that it cannot rot.
 #include <android/log.h>
 
 #include <cstdarg>

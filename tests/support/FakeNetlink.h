@@ -1,10 +1,7 @@
 // A stand-in for the socket destroyer's netlink sockets. Requests are
-// recorded; replies are byte buffers queued per descriptor and handed out one
-// datagram per read, as the kernel does. By default every dump is answered
-// with an empty dump and every destroy request succeeds, so code that
-// destroys a UID's sockets can run in tests without touching real sockets.
-//
-// Header-only so that any test can use it by linking vekd_sockdiag.
+// recorded; replies are queued per descriptor and handed out one datagram per
+// read. By default a dump is answered empty and a destroy succeeds, so code
+// that destroys a UID's sockets runs in tests without touching real sockets.
 #pragma once
 
 #include <linux/inet_diag.h>
@@ -28,16 +25,12 @@ using Bytes = std::vector<uint8_t>;
 
 class FakeNetlink : public sockdiag::NetlinkOps {
   public:
-    struct Sent {
-        int fd;
-        Bytes bytes;
-    };
+    struct Sent { int fd; Bytes bytes; };
     // Datagrams to queue on `fd` in answer to `request` (written on `fd`).
     using Responder = std::function<std::vector<Bytes>(int fd, const Bytes& request)>;
 
     FakeNetlink() : m_scope(*this) {}
 
-    // --- Reply builders. ---
     static Bytes message(uint16_t type, const void* body, size_t bodyLen) {
         nlmsghdr nlh{};
         nlh.nlmsg_len = static_cast<uint32_t>(NLMSG_LENGTH(bodyLen));
@@ -48,10 +41,7 @@ class FakeNetlink : public sockdiag::NetlinkOps {
         if (bodyLen > 0) memcpy(out.data() + NLMSG_HDRLEN, body, bodyLen);
         return out;
     }
-    static Bytes done() {
-        int32_t zero = 0;
-        return message(NLMSG_DONE, &zero, sizeof(zero));
-    }
+    static Bytes done() { return message(NLMSG_DONE, "\0\0\0", 4); }
     // The kernel's error answer to a request: the error and the request's header.
     static Bytes error(int32_t err) {
         nlmsgerr body{};
@@ -74,16 +64,13 @@ class FakeNetlink : public sockdiag::NetlinkOps {
         msg.id.idiag_cookie[0] = uid ^ sportNet;
         return msg;
     }
-    static Bytes diag(const inet_diag_msg& msg) {
-        return message(SOCK_DIAG_BY_FAMILY, &msg, sizeof(msg));
-    }
+    static Bytes diag(const inet_diag_msg& msg) { return message(SOCK_DIAG_BY_FAMILY, &msg, sizeof(msg)); }
     static Bytes concat(std::initializer_list<Bytes> parts) {
         Bytes out;
         for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
         return out;
     }
 
-    // --- Scripting. ---
     void setResponder(Responder r) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_responder = std::move(r);
@@ -102,18 +89,16 @@ class FakeNetlink : public sockdiag::NetlinkOps {
         m_queues[fd].push_back(std::move(datagram));
     }
 
-    // --- What happened (the flags of every receive call in peekFlags()). ---
+    // What happened (the flags of every receive call in peekFlags()).
     std::vector<Sent> sent() const { return locked(m_sent); }
     std::vector<int> opened() const { return locked(m_opened); }
     std::vector<int> closed() const { return locked(m_closed); }
     std::vector<int> peekFlags() const { return locked(m_recvFlags); }
 
-    // --- NetlinkOps. ---
     int socket(int domain, int type, int protocol) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_socketErrno != 0) return errno = m_socketErrno, -1;
-        if (domain != AF_NETLINK || type != (SOCK_DGRAM | SOCK_CLOEXEC) ||
-            protocol != NETLINK_SOCK_DIAG) {
+        if (domain != AF_NETLINK || type != (SOCK_DGRAM | SOCK_CLOEXEC) || protocol != NETLINK_SOCK_DIAG) {
             return errno = EPROTONOSUPPORT, -1;
         }
         m_opened.push_back(m_nextFd);
@@ -121,8 +106,7 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     }
     int connect(int, const struct sockaddr* addr, socklen_t len) override {
         if (m_connectErrno != 0) return errno = m_connectErrno, -1;
-        if (len != sizeof(sockaddr_nl) || addr->sa_family != AF_NETLINK) return errno = EINVAL, -1;
-        return 0;
+        return len != sizeof(sockaddr_nl) || addr->sa_family != AF_NETLINK ? (errno = EINVAL, -1) : 0;
     }
     ssize_t writev(int fd, const struct iovec* iov, int iovcnt) override {
         Bytes bytes;
@@ -133,8 +117,8 @@ class FakeNetlink : public sockdiag::NetlinkOps {
         return send(fd, std::move(bytes));
     }
     ssize_t write(int fd, const void* buf, size_t len) override {
-        const auto* p = static_cast<const uint8_t*>(buf);
-        return send(fd, Bytes(p, p + len));
+        iovec iov = {const_cast<void*>(buf), len};
+        return writev(fd, &iov, 1);
     }
     ssize_t read(int fd, void* buf, size_t len) override { return recvfrom(fd, buf, len, 0); }
     ssize_t recvfrom(int fd, void* buf, size_t len, int flags) override {

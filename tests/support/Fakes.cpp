@@ -1,7 +1,5 @@
 #include "tests/support/Fakes.h"
 
-#include <cerrno>
-
 namespace vekd::test {
 
 std::optional<std::string> FakeProperties::read(const std::string& name) {
@@ -17,11 +15,6 @@ bool FakeProperties::write(const std::string& name, const std::string& value) {
     return true;
 }
 
-void FakeProperties::unset(const std::string& name) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_values.erase(name);
-}
-
 FILE* RecordingCommandPipe::open(const char* commandLine) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_commands.emplace_back(commandLine);
@@ -35,8 +28,6 @@ FILE* RecordingCommandPipe::open(const char* commandLine) {
     }
     return f;
 }
-
-int RecordingCommandPipe::close(FILE* stream) { return fclose(stream); }
 
 std::vector<std::string> RecordingCommandPipe::commands() const {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -62,24 +53,17 @@ int FakeClock::getTimeOfDay(struct timeval* tv) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_failNext) {
         m_failNext = false;
-        errno = EFAULT;
-        return -1;
+        return errno = EFAULT, -1;
     }
     tv->tv_sec = static_cast<time_t>(m_nowUs / 1000000);
     tv->tv_usec = static_cast<suseconds_t>(m_nowUs % 1000000);
     return 0;
 }
 
-void FakeClock::sleepMicros(useconds_t micros) {
+void FakeClock::sleep(uint64_t micros) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_sleepsUs.push_back(micros);
     m_nowUs += micros;
-}
-
-void FakeClock::sleepSeconds(unsigned seconds) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_sleepsUs.push_back(static_cast<uint64_t>(seconds) * 1000000);
-    m_nowUs += static_cast<uint64_t>(seconds) * 1000000;
 }
 
 void FakeClock::setNowMs(uint64_t ms) {
@@ -93,16 +77,8 @@ std::vector<uint64_t> FakeClock::sleeps() const {
 }
 
 pid_t FakeProcessLauncher::fork() {
-    if (m_failFork) {
-        errno = EAGAIN;
-        return -1;
-    }
+    if (m_failFork) return errno = EAGAIN, -1;
     return 40000 + ++m_forks;
-}
-
-int FakeProcessLauncher::execv(const char*, char* const[]) {
-    errno = ENOENT;
-    return -1;
 }
 
 pid_t FakeProcessLauncher::waitpid(pid_t pid, int* status, int) {

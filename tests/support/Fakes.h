@@ -5,7 +5,7 @@
 #include <sys/time.h>
 
 #include <atomic>
-#include <functional>
+#include <cerrno>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -20,14 +20,14 @@
 
 namespace vekd::test {
 
-// System properties held in memory.
+// System properties held in memory; an empty value reads as unset.
 class FakeProperties : public platform::PropertyStore {
   public:
     FakeProperties() : m_scope(*this) {}
     std::optional<std::string> read(const std::string& name) override;
     bool write(const std::string& name, const std::string& value) override;
     void set(const std::string& name, const std::string& value) { write(name, value); }
-    void unset(const std::string& name);
+    void unset(const std::string& name) { write(name, ""); }
 
   private:
     std::mutex m_mutex;
@@ -41,7 +41,7 @@ class RecordingCommandPipe : public platform::CommandPipe {
   public:
     RecordingCommandPipe() : m_scope(*this) {}
     FILE* open(const char* commandLine) override;
-    int close(FILE* stream) override;
+    int close(FILE* stream) override { return fclose(stream); }
 
     std::vector<std::string> commands() const;
     void clear();
@@ -63,14 +63,16 @@ class FakeClock : public platform::Clock {
   public:
     explicit FakeClock(uint64_t nowMs = 1700000000000ULL) : m_nowUs(nowMs * 1000), m_scope(*this) {}
     int getTimeOfDay(struct timeval* tv) override;
-    void sleepMicros(useconds_t micros) override;
-    void sleepSeconds(unsigned seconds) override;
+    void sleepMicros(useconds_t micros) override { sleep(micros); }
+    void sleepSeconds(unsigned seconds) override { sleep(seconds * 1000000ULL); }
 
     void setNowMs(uint64_t ms);
     void failNextTimeOfDay() { m_failNext = true; }
     std::vector<uint64_t> sleeps() const;  // microseconds, in order
 
   private:
+    void sleep(uint64_t micros);
+
     mutable std::mutex m_mutex;
     uint64_t m_nowUs;
     bool m_failNext = false;
@@ -78,13 +80,13 @@ class FakeClock : public platform::Clock {
     ScopedSeam<platform::Clock> m_scope;
 };
 
-// fork() answers with a made-up pid and waitpid() with a chosen status; the
-// arguments that would have been executed are recorded.
+// fork() answers with a made-up pid (40001, 40002, ...) and waitpid() with a
+// chosen status; exec always fails.
 class FakeProcessLauncher : public platform::ProcessLauncher {
   public:
     FakeProcessLauncher() : m_scope(*this) {}
     pid_t fork() override;
-    int execv(const char* path, char* const argv[]) override;
+    int execv(const char*, char* const[]) override { return errno = ENOENT, -1; }
     pid_t waitpid(pid_t pid, int* status, int options) override;
 
     // The wait status for the next children (default 0: exited with 0).
@@ -108,15 +110,13 @@ class FakeProcessLauncher : public platform::ProcessLauncher {
 class FakeChangeWaiter : public platform::ChangeWaiter {
   public:
     FakeChangeWaiter() : m_scope(*this) {}
-    void arm() override { ++m_arms; }
+    void arm() override {}
     void waitForChange(int) override { ++m_waits; }
     void wake() override { ++m_wakes; }
-    int arms() const { return m_arms; }
     int waits() const { return m_waits; }
     int wakes() const { return m_wakes; }
 
   private:
-    std::atomic<int> m_arms{0};
     std::atomic<int> m_waits{0};
     std::atomic<int> m_wakes{0};
     ScopedSeam<platform::ChangeWaiter> m_scope;

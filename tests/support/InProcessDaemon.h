@@ -1,8 +1,5 @@
-// The daemon's singletons (store, rule manager, statistics engine, link
-// manager) run in the test process against fakes of everything they touch:
-// a temporary root, properties, commands, the route check, the clock, the
-// change waiter, netlink and the log. Each instance starts and ends with
-// fresh singletons. Header-only: for tests that link the daemon's libraries.
+// The daemon's singletons run in the test process against fakes of all they
+// touch; each instance starts and ends with fresh singletons.
 #pragma once
 
 #include "config/Parameters.h"

@@ -9,29 +9,29 @@
 
 namespace vekd::test {
 
-struct LogRecord {
-    int priority;
-    std::string tag;
-    std::string message;
-};
-
 class LogCapture : public platform::LogSink {
   public:
     LogCapture();
     void write(int priority, const char* tag, const char* message) override;
 
-    std::vector<LogRecord> records() const;
     // Records as "P TAG: message" (P one of V D I W E F), in order.
-    std::vector<std::string> lines() const;
+    std::vector<std::string> lines() const { return select(nullptr); }
     // Only the records of `tag`, as "P message".
-    std::vector<std::string> linesOf(const std::string& tag) const;
-    bool contains(const std::string& fragment) const;
+    std::vector<std::string> linesOf(const std::string& tag) const { return select(&tag); }
+    bool contains(const std::string& fragment) const { return count(fragment) > 0; }
     size_t count(const std::string& fragment) const;
     void clear();
 
   private:
+    struct Record {
+        int priority;
+        std::string tag;
+        std::string message;
+    };
+    std::vector<std::string> select(const std::string* tag) const;
+
     mutable std::mutex m_mutex;
-    std::vector<LogRecord> m_records;
+    std::vector<Record> m_records;
     ScopedSeam<platform::LogSink> m_scope;
 };
 

@@ -1,8 +1,6 @@
-// Tests that use the real kernel (iptables, ip rules, socket destruction) run
-// inside a network namespace of their own, never in the machine's.
-//
-// Each test case runs in its own process under CTest, so a test that calls
-// enterPrivateNetworkNamespace() gets a namespace that vanishes with it.
+// Tests that use the real kernel run inside a network namespace of their own,
+// never in the machine's. CTest runs each test case in its own process, so
+// the namespace vanishes with the test.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,7 +1,6 @@
 #include "tests/support/TempRoot.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -22,10 +21,9 @@ TempRoot::TempRoot() {
 #endif
     if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
     m_path = tmpl;
-    if (const char* prev = getenv("VEKD_ROOT")) {
-        m_hadPrevious = true;
-        m_previous = prev;
-    }
+    const char* prev = getenv("VEKD_ROOT");
+    m_hadPrevious = prev != nullptr;
+    if (prev) m_previous = prev;
     setenv("VEKD_ROOT", m_path.c_str(), 1);
     platform::reloadRootDir();
 }
@@ -41,14 +39,10 @@ TempRoot::~TempRoot() {
     std::filesystem::remove_all(m_path, ec);
 }
 
-void TempRoot::writeFile(const std::string& systemPath, const std::string& content,
-                         bool executable) const {
+void TempRoot::writeFile(const std::string& systemPath, const std::string& content, bool executable) const {
     const std::string full = at(systemPath);
     makeDirs(std::filesystem::path(full).parent_path());
-    {
-        std::ofstream out(full, std::ios::binary | std::ios::trunc);
-        out << content;
-    }
+    std::ofstream(full, std::ios::binary | std::ios::trunc) << content;
     if (executable) chmod(full.c_str(), 0755);
 }
 

@@ -17,8 +17,7 @@ class TempRoot {
     // `systemPath` ("/data/vendor/vek/vekd.conf") under this root.
     std::string at(const std::string& systemPath) const { return m_path + systemPath; }
     // Writes `content` to `systemPath` under the root, creating directories.
-    void writeFile(const std::string& systemPath, const std::string& content,
-                   bool executable = false) const;
+    void writeFile(const std::string& systemPath, const std::string& content, bool executable = false) const;
 
   private:
     std::string m_path;
