@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 
 #include "stats/StatsFileLayout.h"
 #include "stats/VekStatsImpl.h"
@@ -33,29 +34,23 @@ TEST(CommandsTest, SplitsOnNulAcrossReadsAndParsesPorts) {
     std::set<uint16_t> ports;
     EXPECT_TRUE(parsePortList("80,443,80,0443,65535", &ports, nullptr));
     EXPECT_EQ(ports, (std::set<uint16_t>{80, 443, 65535}));
-    for (const char* wrong : {"80,,443", "0", "65536", "8a", " 80"}) {
-        EXPECT_FALSE(parsePortList(wrong, &ports, nullptr)) << wrong;
-    }
+    for (const char* wrong : {"80,,443", "0", "65536", "8a", " 80"}) EXPECT_FALSE(parsePortList(wrong, &ports, nullptr)) << wrong;
     EXPECT_EQ(ports.size(), 3u) << "kept on error";
 }
 
-// An IPv4 packet (20-byte header) of `total` bytes carrying `proto` from `port`.
-std::vector<uint8_t> ipv4(uint16_t port, uint16_t total, uint8_t proto = 6, uint16_t frag = 0) {
+// An IPv4 packet (20-byte header, `total` in it) or an IPv6 one whose TCP
+// header follows a hop-by-hop header, carrying `proto` from `port`.
+std::vector<uint8_t> packet(int version, uint16_t port, uint16_t total = 0, uint8_t proto = 6, uint16_t frag = 0) {
     std::vector<uint8_t> p(60, 0);
-    p[0] = 0x45;
-    p[2] = total >> 8, p[3] = total & 0xff;
-    p[6] = frag >> 8, p[7] = frag & 0xff;
-    p[9] = proto;
-    p[20] = port >> 8, p[21] = port & 0xff;
-    return p;
-}
-
-// An IPv6 packet whose TCP header from `port` follows a hop-by-hop header.
-std::vector<uint8_t> ipv6(uint8_t port) {
-    std::vector<uint8_t> p(52, 0);
-    p[0] = 0x60;
-    p[40] = 6;  // hop-by-hop options (next header 0), then TCP
-    p[49] = port;
+    const size_t tcp = version == 4 ? 20 : 48;
+    p[0] = version == 4 ? 0x45 : 0x60;
+    p[2] = total >> 8;
+    p[3] = total & 0xff;
+    p[6] = frag >> 8;  // IPv6: next header 0, hop-by-hop
+    p[7] = frag & 0xff;
+    p[version == 4 ? 9 : 40] = proto;
+    p[tcp] = port >> 8;
+    p[tcp + 1] = port & 0xff;
     return p;
 }
 
@@ -64,18 +59,18 @@ TEST(PacketCountTest, CountsTcpSegmentsFromCommandedPorts) {
     auto count = [&](const std::vector<uint8_t>& p, size_t captured, size_t length, const std::set<uint16_t>& ports) {
         return countedTcpBytes(p.data(), captured, length, p[0] == 0x45 ? ETH_P_IP : ETH_P_IPV6, ports);
     };
-    EXPECT_EQ(count(ipv4(443, 1500), 60, 1500, web), 1480u);
-    EXPECT_EQ(count(ipv4(22, 1500), 60, 1500, web), 0u);
-    EXPECT_EQ(count(ipv4(22, 1500), 60, 1500, {}), 1480u);           // no list: any port
-    EXPECT_EQ(count(ipv4(80, 1500, 17), 60, 1500, web), 0u);         // UDP
-    EXPECT_EQ(count(ipv4(80, 1500, 6, 0x00b9), 60, 1500, web), 0u);  // later fragment
-    EXPECT_EQ(count(ipv4(80, 40), 60, 60, web), 20u);                // link padding
-    EXPECT_EQ(count(ipv4(80, 0), 60, 64000, web), 63980u);           // aggregated
-    EXPECT_EQ(count(ipv4(80, 1500), 22, 1500, web), 0u);             // cut short
-    EXPECT_EQ(count(ipv4(80, 1500), 60, 59, web), 0u);               // more captured than sent
-    EXPECT_EQ(count(ipv6(80), 52, 1280, web), 1232u);
-    EXPECT_EQ(count(ipv6(80), 51, 1280, web), 0u);                   // TCP ports cut short
-    EXPECT_EQ(count(ipv6(22), 52, 1280, web), 0u);
+    EXPECT_EQ(count(packet(4, 443, 1500), 60, 1500, web), 1480u);
+    EXPECT_EQ(count(packet(4, 22, 1500), 60, 1500, web), 0u);
+    EXPECT_EQ(count(packet(4, 22, 1500), 60, 1500, {}), 1480u);           // no list: any port
+    EXPECT_EQ(count(packet(4, 80, 1500, 17), 60, 1500, web), 0u);         // UDP
+    EXPECT_EQ(count(packet(4, 80, 1500, 6, 0x00b9), 60, 1500, web), 0u);  // later fragment
+    EXPECT_EQ(count(packet(4, 80, 40), 60, 60, web), 20u);                // link padding
+    EXPECT_EQ(count(packet(4, 80, 0), 60, 64000, web), 63980u);           // aggregated
+    EXPECT_EQ(count(packet(4, 80, 1500), 22, 1500, web), 0u);             // cut short
+    EXPECT_EQ(count(packet(4, 80, 1500), 60, 59, web), 0u);               // more captured than sent
+    EXPECT_EQ(count(packet(6, 80), 52, 1280, web), 1232u);
+    EXPECT_EQ(count(packet(6, 80), 51, 1280, web), 0u);                   // TCP ports cut short
+    EXPECT_EQ(count(packet(6, 22), 52, 1280, web), 0u);
 }
 
 // The daemon opens and closes the FIFO for every command; the publisher must
@@ -99,19 +94,14 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     vekd::test::DaemonProcess publisher(bin, {"--tick-ms", "20"}, root.path(), root.at("/vekstatd.log"));
     ASSERT_TRUE(publisher.waitForLog("a sample every 20 ms", std::chrono::seconds(10)));
     VekStatsImpl* stats = VekStatsImpl::instance();
-    for (const char* command : {"ports=80,443", "iface=wlan0", "iface=../etc", "enable=0"}) {
-        EXPECT_EQ(stats->writeStatsConfFile(command), 0) << command;
-    }
+    for (const char* command : {"ports=80,443", "iface=wlan0", "iface=../etc", "enable=0"}) EXPECT_EQ(stats->writeStatsConfFile(command), 0);
     ASSERT_TRUE(publisher.waitForLog("command: enable=0", std::chrono::seconds(10))) << publisher.log();
     EXPECT_NE(publisher.log().find("E vekstatd: bad interface name \"../etc\""), std::string::npos);
 
     ASSERT_EQ(stat(path.c_str(), &after), 0);
-    EXPECT_EQ(after.st_ino, before.st_ino);
-    EXPECT_EQ(after.st_size, 20480);
+    EXPECT_EQ(std::make_pair(after.st_ino, after.st_size), std::make_pair(before.st_ino, off_t{20480}));
     uint32_t magic = 0;
-    int fd = open(path.c_str(), O_RDONLY);
-    EXPECT_EQ(pread(fd, &magic, sizeof(magic), 0), 4);
-    close(fd);
+    std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&magic), sizeof(magic));
     EXPECT_EQ(magic, kVekStatsMagic);
     int status = publisher.stop(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
