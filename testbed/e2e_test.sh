@@ -11,11 +11,7 @@ if [ "$(id -u)" != 0 ]; then
 fi
 
 here=$(cd "$(dirname "$0")" && pwd)
-TB_BIN=${1:-} out=${2:-} duration=${3:-45}
-if [ -z "$TB_BIN" ]; then
-  echo "usage: $0 BUILD/bin [OUT-DIR [SECONDS]]" >&2
-  exit 2
-fi
+TB_BIN=${1:?usage: $0 BUILD/bin [OUT-DIR [SECONDS]]} out=${2:-} duration=${3:-45}
 
 TB_WLAN_KBPS=1000 TB_WWAN_KBPS=2000 TB_LINK_MONITOR=1
 source "$here/lib.sh"
@@ -44,8 +40,7 @@ report() {  # report DIR SCENARIO [more tbreport.py report options]
 }
 
 tb_bring_up
-# The one rule no traffic below goes through.
-check "DNS of enrolled UIDs goes to the WLAN" eval \
+check "DNS of enrolled UIDs goes to the WLAN (no traffic below shows it)" eval \
   'tb_c iptables -w -t mangle -S kwop_DNS | grep -q -- "-j kwop_fw_wlan0"'
 
 # --- connections spread by the computed shares; others left alone ------------
@@ -83,10 +78,7 @@ check "a dead WWAN: share 0 within 3 s, at most 5 % of new connections into it, 
 
 # --- switching the feature off removes the daemon's rules --------------------
 tb_vekctl setprop vendor.vek.enabled 2
-for _ in $(seq 100); do
-  grep -q "Vekd exiting" "$TB_WORK/vekd.log" && break
-  sleep 0.1
-done
+timeout 10 sh -c 'until grep -q "Vekd exiting" "$0"; do sleep 0.1; done' "$TB_WORK/vekd.log"
 check "the daemon exited and left no mangle chain, masquerading chain or fwmark rule" eval \
   'grep -q "Vekd exiting" "$TB_WORK/vekd.log" && ! tb_c iptables -w -t mangle -S | grep -q kwop &&
    ! tb_c iptables -w -t nat -S | grep -q kwop_nat_POSTROUTING_NUV && [ -z "$(tb_c ip rule show priority 25000)" ]'
