@@ -22,10 +22,9 @@ def policy(name):
 
 class PlatformFilesTest(unittest.TestCase):
     def test_policy_init_and_build_files_match_the_code(self):
-        modules = {}  # name: (kind, {list key: [items]}) of Android.bp
-        for kind, body in re.findall(r"^(\w+) \{\n(.*?)^\}", read(ANDROID, "Android.bp"), re.M | re.S):
-            modules[re.search(r'^    name: "([^"]+)"', body, re.M).group(1)] = (kind, {
-                key: re.findall(r'"([^"]+)"', items) for key, items in re.findall(r"^    (\w+): \[(.*?)\]", body, re.M | re.S)})
+        modules = {re.search(r'^    name: "([^"]+)"', body, re.M).group(1): (kind, {  # name: (kind, {key: [items]})
+            key: re.findall(r'"([^"]+)"', items) for key, items in re.findall(r"^    (\w+): \[(.*?)\]", body, re.M | re.S)})
+            for kind, body in re.findall(r"^(\w+) \{\n(.*?)^\}", read(ANDROID, "Android.bp"), re.M | re.S)}
         srcs = [s for m in ("libvekd", "vekd", "vekctl") for s in modules[m][1]["srcs"]]
         code = "".join(read(TOP, s) for s in srcs)
         headers = {os.path.join(os.path.dirname(s), f) for s in srcs for f in os.listdir(os.path.join(TOP, os.path.dirname(s)))
@@ -45,8 +44,8 @@ class PlatformFilesTest(unittest.TestCase):
         must = [  # (what, it holds)
             ("properties: the code's are those of property_contexts", props == {l[0] for l in policy("property_contexts")}),
             ("init triggers on the code's properties", set(re.findall(r"property:([\w.-]+)=", rc)) <= props),
-            ("init starts vekd on 1", re.search(r"on property:vendor\.vek\.enabled=1\n\s+start vekd\n", rc)),
-            ("init never stops it: on 2 it takes its own rules down", not re.search(r"\b(stop|restart) vekd\b", rc)),
+            ("init starts vekd on 1, never stops it (on 2 it takes its own rules down)",
+             re.search(r"on property:vendor\.vek\.enabled=1\n\s+start vekd\n", rc) and not re.search(r"\b(stop|restart) vekd\b", rc)),
             ("services: the code's are those of vndservice_contexts", services == {l[0] for l in policy("vndservice_contexts")}),
             ("every file context names a path of the code or a binary", all(any(re.fullmatch(fc, p) for p in paths | binaries)
                                                                             for fc in file_contexts)),
@@ -65,19 +64,18 @@ class PlatformFilesTest(unittest.TestCase):
         must += [("allowed: " + rule, rule in te) for rule in ["allow vekd self:rawip_socket", "allow vekd self:icmp_socket"]
                  + ["get_prop(vekd, %s)" % l[1].split(":")[2] for l in policy("property_contexts")]
                  + ["add_service(vekd, %s)" % l[1].split(":")[2] for l in policy("vndservice_contexts")]]
-        for path in paths:  # each path of the code under the rule for its kind
-            must.append((path, (re.match("/data/", path) and any(re.fullmatch(fc, path) for fc in file_contexts)
-                                and os.path.dirname(path) in data_dirs)
-                         or (path.startswith("/proc/") and any(path == g or path.startswith(g + "/") for g in genfs))
-                         or (path.startswith("/system/bin/") and path in te
-                             and "domain_auto_trans(vekd, netutils_wrapper_exec, netutils_wrapper)" in te)
-                         or (path == "/dev/vndbinder" and "vndbinder_use(vekd)" in te)))
-        must += [("built and present: " + s, os.path.isfile(os.path.join(TOP, s))) for s in set(srcs) | set(modules["vekd_unit_tests"][1]["srcs"])]
+        kinds = {  # each path of the code under the rule for its kind
+            "/data/": lambda p: any(re.fullmatch(fc, p) for fc in file_contexts) and os.path.dirname(p) in data_dirs,
+            "/proc/": lambda p: any(p == g or p.startswith(g + "/") for g in genfs),
+            "/system/bin/": lambda p: p in te and "domain_auto_trans(vekd, netutils_wrapper_exec, netutils_wrapper)" in te,
+            "/dev/vndbinder": lambda p: "vndbinder_use(vekd)" in te}
+        must += [(path, any(path.startswith(kind) and covered(path) for kind, covered in kinds.items())) for path in paths]
+        must += [("built and present: " + s, os.path.isfile(os.path.join(TOP, s)))
+                 for s in set(srcs) | set(modules["vekd_unit_tests"][1]["srcs"])]
         for folder, dirs, files in os.walk(TOP):
             dirs[:] = [d for d in dirs if not d.startswith((".", "build")) and d not in NOT_DAEMON]  # build trees too
-            must += [("a daemon source the device build has: " + src, src in srcs) for src in (
-                os.path.normpath(os.path.join(os.path.relpath(folder, TOP), f)) for f in files if f.endswith(".cpp"))
-                if not src.startswith(HOST_ONLY)]
+            cpps = [os.path.relpath(os.path.join(folder, f), TOP) for f in files if f.endswith(".cpp")]
+            must += [("a daemon source the device build lacks: " + s, s in srcs) for s in cpps if not s.startswith(HOST_ONLY)]
         for what, holds in must:
             with self.subTest(what):
                 self.assertTrue(holds)
