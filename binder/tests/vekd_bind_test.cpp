@@ -1,53 +1,57 @@
+// The stub alone; then the real service over the socket with eight clients at
+// once, the evaluation and reports turning beside them (also under ThreadSanitizer).
+#include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
 #include <functional>
+#include <thread>
 
 #include "binder/VekdBind.h"
+#include "platform/binder/HostBinder.h"
+#include "tests/support/InProcessDaemon.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
 
-using android::Parcel;
-using android::String16;
+using namespace android;
 using Lines = std::vector<std::string>;
 
-// Records what the stub dispatches, answering with a recognisable result.
+// Answers with what shows in the stub's log that the arguments arrived.
 class RecordingVekd : public BnVekd {
   public:
-    Lines calls;
-    int updateUidNuv(int uid, int mode) override { return record("update", uid, mode); }
-    int removeUidNuv(int uid, int mode) override { return record("remove", uid, mode); }
-    int notifyWlanInetNuv(bool hasInternet) override { return record("wlan", hasInternet, 0); }
-    int updateIfaceParamNuv(int index, std::string params) override { return record("iface [" + params + "]", index, 0); }
-    int notifyIfaceParamReadyNuv() override { return record("ready", 0, 0); }
-
-  private:
-    int record(const std::string& what, int a, int b) {
-        calls.push_back(what + " " + std::to_string(a) + " " + std::to_string(b));
-        return 5;
-    }
+    int updateUidNuv(int, int) override { return 5; }
+    int removeUidNuv(int, int) override { return 5; }
+    int notifyWlanInetNuv(bool hasInternet) override { return hasInternet ? 1 : 0; }
+    int updateIfaceParamNuv(int index, std::string) override { return index; }
+    int notifyIfaceParamReadyNuv() override { return 5; }
 };
 
 TEST(Stub, EveryCodeIsDispatchedLoggedAndAnsweredWithOneZero) {
-    android::sp<RecordingVekd> service = new RecordingVekd();
+    sp<RecordingVekd> service = new RecordingVekd();
     vekd::test::LogCapture log;
+    const std::string d = "D vekd: BnVekd::onTransact ";
     const struct {
         uint32_t code;
         std::function<void(Parcel&)> args;
-        std::string call, logged;  // the recorded call, the logged one (none when empty)
+        Lines logged;  // the call and its result (none when not called)
         const char* token = "vekd";
     } cases[] = {
-        {1, [](Parcel& p) { p.writeInt32(10123), p.writeInt32(2); }, "update 10123 2", "updateUidNuv(10123, 2)"},
-        {2, [](Parcel& p) { p.writeInt32(10123), p.writeInt32(-1); }, "remove 10123 -1", "removeUidNuv(10123, -1)"},
-        {3, [](Parcel& p) { p.writeInt32(7); }, "wlan 1 0", "notifyWlanInetNuv(7)"},
-        {3, [](Parcel& p) { p.writeInt32(0); }, "wlan 0 0", "notifyWlanInetNuv(0)"},
-        {4, [](Parcel& p) { p.writeInt32(1), p.writeCString("wlan0,0,wlan0,0x5A,1,10,0,1.1.1.1"); },
-         "iface [wlan0,0,wlan0,0x5A,1,10,0,1.1.1.1] 1 0", "updateIfaceParamNuv(wlan0,0,wlan0,0x5A,1,10,0,1.1.1.1)"},
-        {4, [](Parcel& p) { p.writeInt32(2), p.writeCString(""); }, "iface [] 2 0", "updateIfaceParamNuv()"},
-        {4, [](Parcel& p) { p.writeInt32(0); }, "", ""},  // no text: no call, still answered
-        {5, [](Parcel&) {}, "ready 0 0", "notifyIfaceParamReadyNuv()"},
-        {1, [](Parcel& p) { p.writeInt32(10123), p.writeInt32(1); }, "update 10123 1", "updateUidNuv(10123, 1)", "not.vekd"},
+        {1, [](Parcel& p) { p.writeInt32(10123), p.writeInt32(2); }, {d + "updateUidNuv(10123, 2) = 5"}},
+        {2, [](Parcel& p) { p.writeInt32(10123), p.writeInt32(-1); }, {d + "removeUidNuv(10123, -1) = 5"}},
+        {3, [](Parcel& p) { p.writeInt32(7); }, {d + "notifyWlanInetNuv(7) = 1"}},
+        {3, [](Parcel& p) { p.writeInt32(0); }, {d + "notifyWlanInetNuv(0) = 0"}},
+        {4, [](Parcel& p) { p.writeInt32(1), p.writeCString("wlan0,0,wlan0,0x5A,1,10,0,1.1.1.1"); }, {d + "updateIfaceParamNuv(wlan0,0,wlan0,0x5A,1,10,0,1.1.1.1) = 1"}},
+        {4, [](Parcel& p) { p.writeInt32(2), p.writeCString(""); }, {d + "updateIfaceParamNuv() = 2"}},
+        {4, [](Parcel& p) { p.writeInt32(0); }, {}},  // no text: no call, still answered
+        {5, [](Parcel&) {}, {d + "notifyIfaceParamReadyNuv() = 5"}},
+        {1, [](Parcel& p) { p.writeInt32(10123), p.writeInt32(1); },  // a wrong token is warned about, the call still served
+         {"W Parcel: interface token mismatch: expected 'vekd', got 'not.vekd'", d + "updateUidNuv(10123, 1) = 5"}, "not.vekd"},
     };
     for (const auto& c : cases) {
         Parcel data, reply;
@@ -55,28 +59,108 @@ TEST(Stub, EveryCodeIsDispatchedLoggedAndAnsweredWithOneZero) {
         c.args(data);
         data.setDataPosition(0);
         log.clear();
-        service->calls.clear();
-        EXPECT_EQ(service->onTransact(c.code, data, &reply, 0), android::NO_ERROR) << c.code;
-        EXPECT_EQ(service->calls, c.call.empty() ? Lines{} : Lines{c.call});
-        Lines logged;  // a wrong token is warned about, the call still served
-        if (c.token != std::string("vekd")) logged.push_back("W Parcel: interface token mismatch: expected 'vekd', got 'not.vekd'");
-        if (!c.logged.empty()) logged.push_back("D vekd: BnVekd::onTransact " + c.logged + " = 5");
-        EXPECT_EQ(log.lines(), logged);
-        EXPECT_EQ(reply.dataSize(), 4u);
-        reply.setDataPosition(0);
-        EXPECT_EQ(reply.readInt32(), 0);
+        EXPECT_EQ(service->onTransact(c.code, data, &reply, 0), NO_ERROR) << c.code;
+        EXPECT_EQ(log.lines(), c.logged);
+        EXPECT_EQ(std::vector<uint8_t>(reply.data(), reply.data() + reply.dataSize()), std::vector<uint8_t>(4, 0));
     }
+    Parcel data, reply;  // other codes go to the platform's handler
+    for (uint32_t code : {0u, 6u, 0x1000u}) EXPECT_EQ(service->onTransact(code, data, &reply, 0), UNKNOWN_TRANSACTION) << code;
+}
 
-    // Other codes go to the platform's handler, unlogged.
-    log.clear();
+
+// A dump's report, or "status N"; `closeReader` drops the pipe's read end before the call.
+std::string takeDump(const sp<android::IBinder>& vekd, const std::function<void(Parcel&)>& parcel,
+                     bool closeReader = false) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return "no pipe";
+    if (closeReader) close(fds[0]);
     Parcel data, reply;
-    for (uint32_t code : {0u, 6u, 0x1000u}) EXPECT_EQ(service->onTransact(code, data, &reply, 0), android::UNKNOWN_TRANSACTION) << code;
-    EXPECT_EQ(service->onTransact(android::IBinder::INTERFACE_TRANSACTION, data, &reply, 0), android::NO_ERROR);
-    reply.setDataPosition(0);
-    EXPECT_EQ(reply.readString16(), String16("vekd"));
-    EXPECT_EQ(log.count("onTransact"), 0u);
-    EXPECT_EQ(service->queryLocalInterface(String16("vekd")).get(), static_cast<IVekd*>(service.get()));
-    EXPECT_EQ(service->queryLocalInterface(String16("other")), nullptr);
+    data.writeFileDescriptor(fds[1]);
+    parcel(data);
+    const android::status_t status = vekd->transact(android::IBinder::DUMP_TRANSACTION, data, &reply);
+    close(fds[1]);
+    std::string text;
+    char buf[4096];
+    for (ssize_t n; !closeReader && (n = read(fds[0], buf, sizeof(buf))) > 0;) text.append(buf, static_cast<size_t>(n));
+    if (!closeReader) close(fds[0]);
+    return status == android::NO_ERROR ? text : "status " + std::to_string(status);
+}
+
+void noArgs(Parcel& p) { p.writeInt32(0); }
+
+TEST(VekdService, EightClientsAtOnceAreAnsweredWhileTheLoopEvaluatesAndAnyDumpIsAReport) {
+    vekd::test::InProcessDaemon daemon;
+    daemon.root.writeFile("/proc/vek/config", "");
+    Parameters* params = Parameters::instance();
+    IVekd::startBind();
+    auto lookUp = [] { return android::defaultServiceManager()->checkService(android::String16("vekd")); };
+    ASSERT_NE(lookUp()->remoteBinder(), nullptr) << "clients must go through the socket";
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> dumps{0};
+    std::thread loop([&] {
+        while (!stop) {
+            if (params->m_runState.load() == kRunStateConfigured) NuvManager::instance()->adjustParameters();
+            dumps += takeDump(lookUp(), noArgs).find("\ncounters since start:\n") != std::string::npos;
+        }
+    });
+    constexpr int kClients = 8, kRounds = 25;
+    std::atomic<int> answered{0};
+    std::vector<std::thread> clients;
+    for (int c = 0; c < kClients; ++c) {
+        clients.emplace_back([&, c] {
+            android::sp<android::IBinder> vekd = lookUp();
+            const std::string n = std::to_string(c % 4);
+            const std::string iface = "if" + n + ",0,if" + n + ",0x5" + n + ",0,1,0,10.0.0." + std::to_string(c);
+            for (int r = 0; vekd != nullptr && r < kRounds; ++r) {
+                for (uint32_t code : {4u, 5u, 1u, 2u, 3u}) {
+                    Parcel data, reply;
+                    data.writeInterfaceToken(IVekd::descriptor);
+                    if (code <= 2) data.writeInt32(20000 + c), data.writeInt32(code == 1 ? 1 : 0);
+                    if (code == 3) data.writeInt32(r % 2);
+                    if (code == 4) data.writeInt32(c % 4), data.writeCString(iface.c_str());
+                    const bool ok = vekd->transact(code, data, &reply) == android::NO_ERROR && reply.dataSize() == 4;
+                    answered += ok && reply.readInt32() == 0;
+                }
+            }
+        });
+    }
+    for (std::thread& t : clients) t.join();
+    stop = true;
+    loop.join();
+
+    EXPECT_EQ(answered.load(), kClients * kRounds * 5);
+    EXPECT_EQ(daemon.log.count("new_mode=1"), static_cast<size_t>(kClients * kRounds));
+    const std::vector<std::string> rules = daemon.log.linesOf("NUVIptables");
+    EXPECT_EQ(std::count(rules.begin(), rules.end(), "I old_mode=1"), kClients * kRounds);
+    EXPECT_EQ(daemon.log.count("Vekd::notifyWlanInetNuv(0)"), static_cast<size_t>(kClients * 13));
+    EXPECT_EQ(daemon.log.count("onTransact notifyIfaceParamReadyNuv() = 0"), static_cast<size_t>(kClients * kRounds));
+    EXPECT_EQ(params->m_runState.load(), kRunStateConfigured);
+    EXPECT_GT(dumps.load(), 0);
+    const std::string last = takeDump(lookUp(), noArgs);
+    for (int c = 0; c < kClients; ++c) EXPECT_NE(last.find("  " + std::to_string(20000 + c) + "  0\n"), std::string::npos) << c;
+
+    // A dump whose arguments are damaged, huge or unreadable is still a report.
+    const std::u16string lone = {0xd800, u'x', 0xdfff};
+    const struct {
+        std::function<void(Parcel&)> parcel;  // what follows the descriptor
+        bool closeReader;
+        std::string expected;  // how the answer starts
+    } cases[] = {
+        {[](Parcel& p) { p.writeInt32(INT32_MAX); }, false, "vekd report\n"},  // huge count, no arguments
+        {[](Parcel& p) { p.writeInt32(-5); }, false, "vekd report\n"},
+        {[&](Parcel& p) { p.writeInt32(1), p.writeString16(lone.data(), lone.size()); }, false, "note: 1 unknown argument ignored: '"},
+        {[&](Parcel& p) { p.writeInt32(1), p.writeString16(String16(std::string(450 * 1024, 'a').c_str())); }, false, "note: 1 unknown argument ignored: '" + std::string(32, 'a') + "...'"},
+        {[](Parcel& p) { p.writeInt32(2), p.writeInt32(1 << 30); }, false, "vekd report\n"},  // damaged argument
+        {noArgs, true, "status " + std::to_string(android::FAILED_TRANSACTION)},              // reader gone
+    };
+    for (const auto& c : cases) EXPECT_EQ(takeDump(lookUp(), c.parcel, c.closeReader).rfind(c.expected, 0), 0u) << c.expected;
+    Parcel data, reply;  // no descriptor where one belongs
+    data.writeInt32(0);
+    EXPECT_EQ(lookUp()->transact(android::IBinder::DUMP_TRANSACTION, data, &reply), android::BAD_TYPE);
+    EXPECT_EQ(lookUp()->pingBinder(), android::NO_ERROR);
+
+    vekd::binder::resetForTesting();
 }
 
 }  // namespace
