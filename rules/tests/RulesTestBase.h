@@ -2,8 +2,6 @@
 // netlink so that no real socket of the machine is ever destroyed.
 #pragma once
 
-#include <cstring>
-
 #include "config/tests/ParametersTestBase.h"
 #include "platform/LogSink.h"
 #include "rules/IptablesManager.h"
