@@ -22,7 +22,6 @@ namespace {
 class FakeVekd : public BBinder {
   public:
     static constexpr int kNoResult = -1, kUnknown = -2;
-    const String16& getInterfaceDescriptor() const override { return m_descriptor; }
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         if (code < 1 || code > 5) return BBinder::onTransact(code, data, reply, flags);
         if (answer == kUnknown) return UNKNOWN_TRANSACTION;
@@ -30,9 +29,6 @@ class FakeVekd : public BBinder {
         return NO_ERROR;
     }
     std::atomic<int> answer{0};
-
-  private:
-    const String16 m_descriptor{"vekd"};
 };
 
 TEST(VekctlTest, ExitCodesLinesAndTransactionsOfEveryVerb) {
