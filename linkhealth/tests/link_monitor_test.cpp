@@ -39,46 +39,39 @@ TEST(LinkHealth, LossesInARowHysteresisAndSmoothing) {
     }
 }
 
-// Two links probed every 250 ms against the fake clock.
-class Monitor : public testing::Test {
-  protected:
-    Monitor() : prober(clock), monitor([this] { ++changes; }) {
-        settings.periodMs = 250;
-        settings.health = {4, 2, 60};
-        settings.server = "10.9.0.1";
-    }
-    void begin() { monitor.begin(settings, {{"wlan0", 0x5A}, {"rmnet_data0", 0x5B}}); }
-    // Turns until the fake clock has moved `ms` on, or until `stop` holds.
-    int64_t runFor(int64_t ms, const std::function<bool()>& stop = [] { return false; }) {
-        const int64_t start = clock.monotonicMs();
-        while (clock.monotonicMs() < start + ms && !stop()) monitor.turn();
-        return clock.monotonicMs() - start;
-    }
-
-    vekd::test::FakeClock clock;
-    vekd::test::FakeProber prober;
-    vekd::test::LogCapture log;
-    int changes = 0;
-    MonitorSettings settings;
-    LinkMonitor monitor;
-};
-
 // One run: nothing is probed until the target resolves; a dead link is down
 // after its lost probes and back after the hysteresis; late answers keep a
 // link alive; every link down changes nothing; a restart starts afresh.
-TEST_F(Monitor, ProbingFromResolvingToDownUpAndRestart) {
+TEST(Monitor, ProbingFromResolvingToDownUpAndRestart) {
+    vekd::test::FakeClock clock;
+    vekd::test::FakeProber prober(clock);
+    vekd::test::LogCapture log;
+    int changes = 0;
+    LinkMonitor monitor([&] { ++changes; });
+    MonitorSettings settings;
+    settings.periodMs = 250;  // two links probed every 250 ms
     settings.timeoutMs = 100;
+    settings.health = {4, 2, 60};
+    settings.server = "10.9.0.1";
+    const auto begin = [&] { monitor.begin(settings, {{"wlan0", 0x5A}, {"rmnet_data0", 0x5B}}); };
+    // Turns until the fake clock has moved `ms` on, or until `stop` holds.
+    const auto runFor = [&](int64_t ms, const std::function<bool()>& stop) {
+        const int64_t start = clock.monotonicMs();
+        while (clock.monotonicMs() < start + ms && !stop()) monitor.turn();
+        return clock.monotonicMs() - start;
+    };
+    const auto never = [] { return false; };
     prober.resolvable = false;
     prober.setRtt(0, 150);  // every probe lost, and then answered
     prober.setRtt(1, 40);
     begin();
-    runFor(4000);
+    runFor(4000, never);
     EXPECT_EQ(prober.sent[1], 0);
     prober.resolvable = true;
-    runFor(2500);  // retried 5 s after the failure
+    runFor(2500, never);  // retried 5 s after the failure
     EXPECT_EQ(prober.resolves, 2);
     const int sent = prober.sent[1];
-    runFor(2000);
+    runFor(2000, never);
     EXPECT_EQ(prober.sent[1] - sent, 8) << "one probe in flight per link, one per period";
     EXPECT_EQ(monitor.snapshot()[0].smoothedRttMs, 150);
     EXPECT_EQ(monitor.snapshot()[1].smoothedRttMs, 40);
@@ -92,14 +85,14 @@ TEST_F(Monitor, ProbingFromResolvingToDownUpAndRestart) {
     EXPECT_EQ(log.count("link rmnet_data0 down: 4 probes lost in a row"), 1u);
     EXPECT_EQ(monitor.snapshot()[1].lostInRow, 4);
     prober.setRtt(1, 30);
-    runFor(2 * 250 + 100);
+    runFor(2 * 250 + 100, never);
     EXPECT_TRUE(monitor.downLinks().empty());
     EXPECT_EQ(changes, 2);
     EXPECT_EQ(log.count("link rmnet_data0 up: round-trip time 30 ms"), 1u);
 
     prober.setRtt(0, -1);
     prober.setRtt(1, -1);
-    runFor(3000);
+    runFor(3000, never);
     EXPECT_FALSE(monitor.snapshot()[0].up);
     EXPECT_TRUE(monitor.downLinks().empty());
     EXPECT_EQ(prober.resolves, 3) << "with every link down the target is looked up again";
