@@ -40,120 +40,90 @@ TEST(StatsFileBuilderTest, EveryRingStartsBlankAndAnUnwritablePathIsRefused) {
     EXPECT_FALSE(fresh.saveTo("/nonexistent-dir/wlan0_mmap"));
 }
 
-// 1024 bytes every 8 ms is 1000 kbit/s of 1024 bits; the oldest sample has
-// no reference and only bounds the newest span.
-TEST_F(EstimatorTest, SteadyTrafficInKilobitsOf1024Bits) {
-    fillSteady(ring, 20, 8, 1024);
-    EXPECT_EQ(estimate(), Estimate(1000, 19));
-}
-
-TEST_F(EstimatorTest, WalkWrapsFromSlotOneToSlot1279AndIndexZeroMeans1279) {
-    ring.setWriteIndex(1270);
-    fillSteady(ring, 12, 8, 1024);  // slots 1271..1279, 1, 2, 3
-    ASSERT_EQ(ring.writeIndex(), 3u);
-    EXPECT_EQ(estimate(), Estimate(1000, 11));
-
+// Steady series of 1024 bytes: the write index before, the samples, their
+// spacing and the newest stamp; the bounds; the estimate (1024-bit kilobits).
+TEST_F(EstimatorTest, SteadySeriesAgainstEachBound) {
+    const uint64_t kOld = kNowMs + 1 - 1500;
+    const struct {
+        const char* what;
+        uint32_t start, count;
+        uint64_t stepMs, newestMs;
+        int staleMs, windowMs, maxBytes;
+        Estimate expected;
+    } cases[] = {
+        {"1000 kbit/s; the oldest sample only bounds the newest span", 0, 20, 8, kNowMs, 1500, 500, 102400, {1000, 19}},
+        {"the walk wraps from slot 1 to slot 1279", 1270, 12, 8, kNowMs, 1500, 500, 102400, {1000, 11}},
+        {"the size bound stops at the limit; 20 ms are below mini_rate_window", 0, 10, 5, kNowMs, 1500, 500, 4096, {0, 4}},
+        {"once the size bound is passed a short window counts", 0, 10, 5, kNowMs, 1500, 500, 4095, {1600, 4}},
+        {"a tenth span would reach the window", 0, 20, 10, kNowMs, 1500, 100, 102400, {800, 9}},
+        {"stale bound inclusive, now one millisecond ahead", 0, 2, 10, kOld, 1500, 500, 102400, {0, 1}},
+        {"one millisecond older is stale", 0, 2, 10, kOld - 1, 1500, 500, 102400, {0, 0}},
+        {"a sum past 64 bits is not stale", 0, 2, 10, UINT64_MAX - 5, INT_MAX, 500, 102400, {0, 1}},
+        {"a negative bound reaches over a future stamp", 0, 2, 10, kNowMs + 10, -5, 500, 102400, {0, 1}},
+        {"but not beyond it", 0, 2, 10, kNowMs + 10, -10, 500, 102400, {0, 0}},
+        {"the lowest bound", 0, 2, 10, kNowMs + 10, INT_MIN, 500, 102400, {0, 0}},
+        {"a full ring is walked once round", 700, kVekStatsRingSlots, 8, kNowMs, 1 << 30, 1 << 30, 1 << 30,
+         {1000, kVekStatsRingSlots - 1}},
+    };
+    for (const auto& c : cases) {
+        set(OPER_MINI_STALE_INTERVAL, c.staleMs);
+        set(OPER_IDEAL_EST_WINDOW, c.windowMs);
+        params->m_maxSizeToCalculateLre = c.maxBytes;
+        ring.clear();
+        ring.setWriteIndex(c.start);
+        fillSteady(ring, c.count, c.stepMs, 1024, c.newestMs);
+        EXPECT_EQ(estimate(), c.expected) << c.what;
+    }
+    // Write index 0 stands for 1279.
     ring.clear();
     ring.setWriteIndex(1266);
     fillSteady(ring, 13, 8, 1024);
-    ASSERT_EQ(ring.writeIndex(), 1279u);
     ring.setWriteIndex(0);
     EXPECT_EQ(estimate(), Estimate(1000, 12));
 }
 
+// Hand-made rings, oldest sample first: {ms before now, bytes, kind, flag}.
 TEST_F(EstimatorTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
-    set(OPER_MINI_RATE_WINDOW, 10);
-    ring.setMagic();
-    ring.append(makeSample(kNowMs - 60, 1024));
-    ring.append(makeSample(kNowMs - 40, 1024));
-    ring.append(makeSample(kNowMs - 30, 9999, kVekSampleSpacer));
-    ring.append(makeSample(kNowMs - 20, 1024));
-    ring.append(makeSample(kNowMs - 10, 9999, kVekSampleSpacer));
-    // The newest spacer is passed over; each counted sample spans back to
-    // the sample before the spacer: 2 x 1024 bytes in 40 ms.
-    EXPECT_EQ(estimate(), Estimate(400, 2));
-
-    ring.clear();
-    ring.setMagic();
-    ring.append(makeSample(kNowMs - 40, 1024));
-    ring.append(makeSample(kNowMs - 30, 5000, 0));              // other kind
-    ring.append(makeSample(kNowMs - 20, 1024, kVekSampleCounted, 1));  // flagged
-    ring.append(makeSample(kNowMs - 10, 1024));
-    // Only the newest counts; the flagged sample is its reference, and the
-    // walk passes the uncounted ones down to the oldest, which has none.
-    EXPECT_EQ(estimate(), Estimate(800, 1));
-}
-
-TEST_F(EstimatorTest, StaleBoundIsInclusiveAndNowIsOneMillisecondAhead) {
-    // mini_stale_interval 1500: a sample at (now + 1) - 1500 is still used.
-    for (auto [newest, expected] : {std::pair<uint64_t, unsigned>{kNowMs + 1 - 1500, 1},
-                                    {kNowMs - 1500, 0}}) {
-        ring.clear();
-        fillSteady(ring, 2, 10, 1024, newest);
-        EXPECT_EQ(estimate().second, expected) << "newest sample at now - " << kNowMs - newest;
-    }
-    // Bounds and stamps at the ends of their ranges compare exactly: a sum
-    // that overflows 64 bits is not stale, and a negative bound reaches back
-    // over a sample stamped in the future.
-    struct Case {
-        uint64_t newest;
-        int staleMs;
-        unsigned expected;
+    struct Sample {
+        int64_t agoMs;
+        uint32_t bytes;
+        uint8_t kind = kVekSampleCounted;
+        uint8_t flag = 0;
     };
-    for (const Case& c : {Case{UINT64_MAX - 5, INT_MAX, 1}, Case{kNowMs + 10, -5, 1},
-                          Case{kNowMs + 10, -10, 0}, Case{kNowMs + 10, INT_MIN, 0}}) {
-        set(OPER_MINI_STALE_INTERVAL, c.staleMs);
-        ring.clear();
-        fillSteady(ring, 2, 10, 1024, c.newest);
-        EXPECT_EQ(estimate().second, c.expected) << c.newest << " " << c.staleMs;
-    }
-}
-
-TEST_F(EstimatorTest, SizeBoundStopsAtTheLimitAndValidatesShortWindowsOnlyWhenPassed) {
-    fillSteady(ring, 10, 5, 1024);  // 20 ms of data are below mini_rate_window 50
-    params->m_maxSizeToCalculateLre = 4096;
-    EXPECT_EQ(estimate(), Estimate(0, 4));
-
-    params->m_maxSizeToCalculateLre = 4095;
-    EXPECT_EQ(estimate(), Estimate(1600, 4));  // 4096 bytes in 20 ms
-}
-
-TEST_F(EstimatorTest, WindowBoundAndZeroOrBackwardSpansEndTheWalk) {
-    set(OPER_IDEAL_EST_WINDOW, 100);
-    fillSteady(ring, 20, 10, 1024);
-    EXPECT_EQ(estimate(), Estimate(800, 9));  // a tenth span would reach the window
-
-    for (uint64_t olderTs : {kNowMs, kNowMs + 5}) {
+    const uint8_t kSpacer = kVekSampleSpacer;
+    const struct {
+        const char* what;
+        std::vector<Sample> samples;
+        Estimate expected;
+    } cases[] = {
+        {"spacers passed over; spans reach back past them: 2 x 1024 B in 40 ms", {{60, 1024}, {40, 1024}, {30, 9999, kSpacer}, {20, 1024}, {10, 9999, kSpacer}}, {400, 2}},
+        {"a flagged sample and another kind only serve as references", {{40, 1024}, {30, 5000, 0}, {20, 1024, kVekSampleCounted, 1}, {10, 1024}}, {800, 1}},
+        {"a zero span ends the walk", {{20, 1024}, {0, 1024}, {0, 1024}}, {0, 0}},
+        {"a backward span ends the walk", {{20, 1024}, {-5, 1024}, {0, 1024}}, {0, 0}},
+    };
+    set(OPER_MINI_RATE_WINDOW, 10);
+    for (const auto& c : cases) {
         ring.clear();
         ring.setMagic();
-        ring.append(makeSample(kNowMs - 20, 1024));
-        ring.append(makeSample(olderTs, 1024));
-        ring.append(makeSample(kNowMs, 1024));
-        EXPECT_EQ(estimate(), Estimate(0, 0));
+        for (const Sample& x : c.samples) ring.append(makeSample(kNowMs - x.agoMs, x.bytes, x.kind, x.flag));
+        EXPECT_EQ(estimate(), c.expected) << c.what;
     }
 }
 
-TEST_F(EstimatorTest, NotReadyAndClockFailureGiveZero) {
+TEST_F(EstimatorTest, NotReadyClockFailureAndCorruptRingsGiveZero) {
     fillSteady(ring, 20, 8, 1024);
     ring.setMagic(0);
     EXPECT_EQ(estimate(), Estimate(0, 12345));  // untouched
-    EXPECT_EQ(log.linesOf("VekStatsData"), std::vector<std::string>{"E VEK stat colletct is not ready"});
-
     ring.setMagic();
-    log.clear();
     clock.failNextTimeOfDay();
     EXPECT_EQ(estimate(), Estimate(0, 0));
-    EXPECT_EQ(log.linesOf("VekStatsData"), std::vector<std::string>{"E linkRateEstimate, gettimeofday failed"});
-}
-
-TEST_F(EstimatorTest, CorruptRingsEndWithinTheMapping) {
+    EXPECT_EQ(log.linesOf("VekStatsData"), (std::vector<std::string>{"E VEK stat colletct is not ready",
+                                                                     "E linkRateEstimate, gettimeofday failed"}));
     // The builder's buffer is exactly one file long, so a read past it is an
     // error under the address sanitizer.
-    fillSteady(ring, 20, 8, 1024);
     ring.setWriteIndex(1280);
     EXPECT_EQ(estimate().first, 0u);
     EXPECT_TRUE(log.contains("WWAN:Index(1279) out of bound!"));
-
     // Fresh rings of spacers or of uncounted samples all round.
     for (uint8_t kind : {kVekSampleSpacer, uint8_t{0}}) {
         ring.clear();
@@ -161,20 +131,10 @@ TEST_F(EstimatorTest, CorruptRingsEndWithinTheMapping) {
         for (uint32_t i = 0; i < kVekStatsRingSlots; ++i) ring.append(makeSample(kNowMs - i, 100, kind));
         EXPECT_EQ(estimate().first, 0u);
     }
-
-    // A full ring with every bound out of the way is walked once round.
-    set(OPER_IDEAL_EST_WINDOW, 1 << 30);
-    set(OPER_MINI_STALE_INTERVAL, 1 << 30);
-    params->m_maxSizeToCalculateLre = 1 << 30;
-    ring.clear();
-    ring.setWriteIndex(700);
-    fillSteady(ring, kVekStatsRingSlots, 8, 1024);
-    EXPECT_EQ(estimate(), Estimate(1000, kVekStatsRingSlots - 1));
 }
 
 TEST_F(EstimatorTest, VerboseLogShowsNewestEntryAndResult) {
     gDebugLogEnabled = 1;
-    ring.setWriteIndex(0);
     ring.setMagic();
     ring.append(makeSample(kNowMs - 8, 1024, kVekSampleCounted, 0, 7));
     ring.append(makeSample(kNowMs, 1024, kVekSampleCounted, 0, 9));

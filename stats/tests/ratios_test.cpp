@@ -52,8 +52,8 @@ class RatiosTest : public StatsTest {
     }
 
     VekStatsImpl* stats() { return VekStatsImpl::instance(); }
-    // A configured link with this turn's estimate and no statistics file.
-    linkStatsWrapper_t* link(const std::string& name, bool metered, unsigned lre) {
+    // A configured link with this turn's estimate (and share, unless negative), no statistics file.
+    void link(const std::string& name, bool metered, unsigned lre, float previous = -1) {
         if (params->m_interfaceMap.count(name) == 0) configure(name, metered);
         linkStatsWrapper_t*& record = stats()->m_linkStatsMap[name];
         if (record == nullptr) {
@@ -61,7 +61,7 @@ class RatiosTest : public StatsTest {
             snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", name.c_str());
         }
         record->lre = lre;
-        return record;
+        if (previous >= 0) record->interfaceRatio = previous;
     }
     // Every record's share, in name order.
     std::vector<float> ratios() {
@@ -69,7 +69,6 @@ class RatiosTest : public StatsTest {
         for (auto& entry : stats()->m_linkStatsMap) out.push_back(entry.second->interfaceRatio);
         return out;
     }
-    void set(OperId id, int value) { params->m_operParams[id] = value; }
 
     LockProbePipe pipe;
 };
@@ -86,6 +85,9 @@ struct Link {
 // shares (in name order) it hands out. `reported`: -1 when not of interest.
 TEST_F(RatiosTest, SharesOfOneTurn) {
     const auto kMetered = RATIO_CALC_WITH_METERED, kUnmetered = RATIO_CALC_UNMETERED_ONLY;
+    const std::vector<Link> two = {{"wlan0", false, 3000}, {"rmnet0", true, 1000}};
+    const std::vector<Link> three = {{"wlan0", false, 500}, {"wlan1", false, 0}, {"wlan2", true, 300}};
+    const std::vector<Link> dominant = {{"wlan0", false, 900}, {"wlan1", false, 100}, {"ghost", false, 0, 0.42f, false}};
     const struct {
         const char* what;
         int wifiThreshold, maxUsage, resetThreshold;
@@ -94,41 +96,40 @@ TEST_F(RatiosTest, SharesOfOneTurn) {
         float minRate, totalRate, maxRate;
         std::vector<float> shares;
         int reported;
+        std::set<std::string> down = {};
     } cases[] = {
         {"no link", 1600, 100, 100, {}, kMetered, 0, 0, 0, {}, 0},
-        {"below the threshold metered links fill up", 4000, 100, 100,
-         {{"wlan0", false, 3000}, {"rmnet0", true, 1000}}, kMetered, 1000, 3000, 3000, {0.25f, 0.75f}, 1},
-        {"above it only unmetered links carry; one alone is never reset", 2000, 0, 0,
-         {{"wlan0", false, 3000}, {"rmnet0", true, 1000}}, kUnmetered, 1000, 3000, 3000, {0.0f, 1.0f}, 1},
-        {"a dominant link gets the fixed share above the reset threshold", 1600, 70, 80,
-         {{"wlan0", false, 900}, {"wlan1", false, 100}, {"ghost", false, 0, 0.42f, false}}, kUnmetered, 0, 1000, 900,
-         {0.42f, 0.7f, 0.3f}, -1},
-        {"dominance 0.9 is not above 90 %: shares follow the rates", 1600, 70, 90,
-         {{"wlan0", false, 900}, {"wlan1", false, 100}, {"ghost", false, 0, 0.42f, false}}, kUnmetered, 0, 1000, 900,
-         {0.42f, 0.9f, 0.1f}, -1},
-        {"the remainder goes to the link without estimate", 1000, 100, 100,
-         {{"wlan0", false, 0}, {"wlan1", false, 500}}, kMetered, 0, 500, 500, {0.5f, 0.5f}, -1},
-        {"the remainder in equal parts", 1000, 100, 100,
-         {{"wlan0", false, 0}, {"wlan1", false, 400}, {"rmnet0", true, 0}}, kMetered, 0, 400, 400, {0.3f, 0.3f, 0.4f}, -1},
+        {"below the threshold metered links fill up", 4000, 100, 100, two, kMetered, 1000, 3000, 3000, {0.25f, 0.75f}, 1},
+        {"above it only unmetered links carry; one alone is never reset", 2000, 0, 0, two, kUnmetered, 1000, 3000, 3000, {0.0f, 1.0f}, 1},
+        {"a dominant link gets the fixed share above the reset threshold", 1600, 70, 80, dominant, kUnmetered, 0, 1000, 900, {0.42f, 0.7f, 0.3f}, -1},
+        {"dominance 0.9 is not above 90 %: shares follow the rates", 1600, 70, 90, dominant, kUnmetered, 0, 1000, 900, {0.42f, 0.9f, 0.1f}, -1},
+        {"the remainder goes to the link without estimate", 1000, 100, 100, {{"wlan0", false, 0}, {"wlan1", false, 500}}, kMetered, 0, 500, 500, {0.5f, 0.5f}, -1},
+        {"the remainder in equal parts", 1000, 100, 100, {{"wlan0", false, 0}, {"wlan1", false, 400}, {"rmnet0", true, 0}}, kMetered, 0, 400, 400, {0.3f, 0.3f, 0.4f}, -1},
         // Every r is 0: the remainder goes to the link without an estimate,
         // not to one whose share merely is 0; the other shares stay.
         {"unknown mode", 1600, 100, 100, {{"wlan0", false, 700, 0.6f}, {"wlan1", false, 0}, {"wlan2", false, 300}},
          static_cast<VEK_ratio_calc_process>(7), 0, 1000, 700, {0.6f, 1.0f / 3, 0.0f}, 1},
+        // Down links get nothing; the metered share is (1 - 500/1000) x 300/600.
+        {"nothing down: the rest goes to wlan1", 1000, 100, 100, three, kMetered, 600, 500, 500, {0.5f, 0.25f, 0.25f}, -1},
+        {"wlan0 down: its share goes to wlan1 alone", 1000, 100, 100, three, kMetered, 600, 500, 500, {0, 0.75f, 0.25f}, -1, {"wlan0"}},
+        {"wlan1 down: no hand-out, the rest scaled up", 1000, 100, 100, three, kMetered, 600, 500, 500, {2.0f / 3, 0, 1.0f / 3}, -1, {"wlan1"}},
+        {"every link down changes nothing", 1000, 100, 100, three, kMetered, 600, 500, 500, {0.5f, 0.25f, 0.25f}, -1, {"wlan0", "wlan1", "wlan2"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         TearDown();
         SetUp();
-        set(OPER_WIFI_THRESHOLD, c.wifiThreshold);
+        params->m_operParams[OPER_WIFI_THRESHOLD] = c.wifiThreshold;
         params->m_vekMaxUsageOnInterface = c.maxUsage;
         params->m_thresholdToStartReset = c.resetThreshold;
         for (const Link& l : c.links) {
-            link(l.name, l.metered, l.lre)->interfaceRatio = l.previous;
+            link(l.name, l.metered, l.lre, l.previous);
             if (!l.configured) {
                 free(params->m_interfaceMap[l.name]);
                 params->m_interfaceMap.erase(l.name);
             }
         }
+        stats()->setDownLinks(c.down);
         const bool reported = stats()->calcVekRatios(c.mode, c.minRate, c.totalRate, c.maxRate);
         if (c.reported >= 0) {
             EXPECT_EQ(reported, c.reported == 1);
@@ -152,31 +153,6 @@ TEST_F(RatiosTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
     EXPECT_TRUE(log.contains("VEK_RATIO a, 1, 0.250000"));
 }
 
-TEST_F(RatiosTest, DownLinksGetNothingAndTheLiveOnesShareEverything) {
-    struct Case {
-        const char* name;
-        std::set<std::string> down;
-        std::vector<float> expected;  // wlan0, wlan1, wlan2 (metered)
-    };
-    // wlan0 500 and wlan2 300 with estimates, wlan1 without; threshold 1000.
-    const Case cases[] = {
-        {"nothing down: the rest goes to wlan1", {}, {0.5f, 0.25f, 0.25f}},
-        {"wlan0 down: its share is handed to wlan1 alone", {"wlan0"}, {0.0f, 0.75f, 0.25f}},
-        {"wlan1 down: no hand-out, the rest scaled up", {"wlan1"}, {2.0f / 3, 0.0f, 1.0f / 3}},
-        {"every link down changes nothing", {"wlan0", "wlan1", "wlan2"}, {0.5f, 0.25f, 0.25f}},
-    };
-    set(OPER_WIFI_THRESHOLD, 1000);
-    for (const Case& c : cases) {
-        link("wlan0", false, 500)->interfaceRatio = 0;
-        link("wlan1", false, 0)->interfaceRatio = 0;
-        link("wlan2", true, 300)->interfaceRatio = 0;
-        stats()->setDownLinks(c.down);
-        // The metered link's share: (1 - 500/1000) x 300/600.
-        stats()->calcVekRatios(RATIO_CALC_WITH_METERED, 600, 500, 500);
-        EXPECT_THAT(ratios(), testing::Pointwise(testing::FloatEq(), c.expected)) << c.name;
-    }
-}
-
 // Evaluation turns over statistics files mapped from disk.
 class EvalTurnTest : public RatiosTest {
   protected:
@@ -191,13 +167,14 @@ class EvalTurnTest : public RatiosTest {
         fillSteady(*file, count, 8, bytes);
     }
     // The ratio rules run, as "probability -j chain" each (their full text is
-    // the rule tests' business), after the flush.
-    std::vector<std::string> ratioRules() const {
+    // the rule tests' business), after the flush; then forgotten.
+    std::vector<std::string> ratioRules() {
         std::vector<std::string> out;
         for (const std::string& c : pipe.commands()) {
             if (c == kFlush) out.push_back("flush");
             if (c.rfind(kRule, 0) == 0) out.push_back(c.substr(strlen(kRule)));
         }
+        pipe.clear();
         return out;
     }
     using Rules = std::vector<std::string>;
@@ -205,15 +182,14 @@ class EvalTurnTest : public RatiosTest {
 };
 
 TEST_F(EvalTurnTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
+    params->m_bestEstCacheSize = 3;
     publish("wlan0", false, 1024);   // 1000 kbit/s, below wifi_threshold 1600
     publish("rmnet0", true, 2048);   // 2000 kbit/s
     ASSERT_TRUE(stats()->initMmap());
 
     stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(ratioRules(), (Rules{"flush", "0.625000 -j kwop_fw_wlan0", "1.000000 -j kwop_fw_rmnet0"}));
     EXPECT_EQ(pipe.lockHeld, std::vector<bool>(3, true));
-
-    pipe.clear();
+    EXPECT_EQ(ratioRules(), (Rules{"flush", "0.625000 -j kwop_fw_wlan0", "1.000000 -j kwop_fw_rmnet0"}));
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_TRUE(ratioRules().empty());
 
@@ -221,6 +197,26 @@ TEST_F(EvalTurnTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     publish("wlan0", false, 2048);
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"flush", "1.000000 -j kwop_fw_wlan0", "0.000000 -j kwop_fw_rmnet0"}));
+
+    // A down link loses its estimate and history; the other takes all.
+    stats()->setDownLinks({"wlan0"});
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(ratioRules(), (Rules{"flush", "0.000000 -j kwop_fw_wlan0", "1.000000 -j kwop_fw_rmnet0"}));
+    const linkStatsWrapper_t* wlan = stats()->m_linkStatsMap["wlan0"];
+    EXPECT_EQ(wlan->lre, 0u);
+    EXPECT_TRUE(wlan->history.rates.empty());
+
+    // The link manager maps and unmaps from binder threads while the main
+    // loop runs turns; the lock keeps them apart (run under the thread sanitizer).
+    std::atomic<bool> done{false};
+    std::thread remapper([&] {
+        for (int i = 0; i < 50; ++i) stats()->freeMmap(), stats()->initMmap();
+        done = true;
+    });
+    while (!done) stats()->evalAndSetVEKInterfaceRatio();
+    remapper.join();
+    EXPECT_EQ(stats()->m_linkStatsMap.size(), 2u);
+    EXPECT_EQ(std::count(pipe.lockHeld.begin(), pipe.lockHeld.end(), false), 0);
 }
 
 TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
@@ -243,40 +239,6 @@ TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
     clock.setNowMs(kNowMs + 2000);
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(lreAndCount("wlan0"), std::make_pair(1000u, 0u));
-}
-
-TEST_F(EvalTurnTest, ADownLinkLosesItsEstimateAndHistoryAndTheOtherTakesAll) {
-    params->m_bestEstCacheSize = 3;
-    publish("wlan0", false, 1024);
-    publish("rmnet0", true, 2048);
-    ASSERT_TRUE(stats()->initMmap());
-    stats()->evalAndSetVEKInterfaceRatio();
-
-    pipe.clear();
-    stats()->setDownLinks({"rmnet0"});
-    stats()->evalAndSetVEKInterfaceRatio();
-    EXPECT_EQ(ratioRules(), (Rules{"flush", "1.000000 -j kwop_fw_wlan0", "0.000000 -j kwop_fw_rmnet0"}));
-    const linkStatsWrapper_t* rmnet = stats()->m_linkStatsMap["rmnet0"];
-    EXPECT_EQ(rmnet->lre, 0u);
-    EXPECT_TRUE(rmnet->history.rates.empty());
-}
-
-// The link manager maps and unmaps from binder threads while the main loop
-// runs turns; the statistics lock keeps them apart (the thread sanitizer
-// build runs this too).
-TEST_F(EvalTurnTest, TurnsRunWhileAnotherThreadRemapsTheFiles) {
-    publish("wlan0", false, 1024);
-    publish("rmnet0", true, 2048);
-    ASSERT_TRUE(stats()->initMmap());
-    std::atomic<bool> done{false};
-    std::thread remapper([&] {
-        for (int i = 0; i < 50; ++i) stats()->freeMmap(), stats()->initMmap();
-        done = true;
-    });
-    while (!done) stats()->evalAndSetVEKInterfaceRatio();
-    remapper.join();
-    EXPECT_EQ(stats()->m_linkStatsMap.size(), 2u);
-    EXPECT_EQ(std::count(pipe.lockHeld.begin(), pipe.lockHeld.end(), false), 0);
 }
 
 }  // namespace
