@@ -98,11 +98,6 @@ struct RawSocket {
         }
         return true;
     }
-    // True when the next reply is that to a ping.
-    bool pingAnswered() {
-        uint8_t reply[12];
-        return read(reply, sizeof(reply)) && std::vector<uint8_t>(reply, reply + 12) == kPingReply;
-    }
     // True once the other side has closed the connection; replies before that are skipped.
     bool closedByPeer() {
         uint8_t bytes[64];
@@ -183,23 +178,19 @@ TEST_F(BinderTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheService
     }
     EXPECT_GE(sockets, 3);
 
+    // A daemon may start with descriptor 0 closed; a socket that gets it is as good as any other.
+    const int saved = dup(0);
+    close(0);
+    sp<IBinder> zero = defaultServiceManager()->checkService(String16("echo"));  // connects on 0
+    ASSERT_NE(zero, nullptr);
+    Parcel request;
+    ASSERT_EQ(zero->transact(kEcho, echoRequest(request, 1), &reply), NO_ERROR);
+    EXPECT_EQ(reply.readInt32(), 2);
     vekd::binder::resetForTesting();  // the service is gone
     EXPECT_EQ(m_binder->pingBinder(), DEAD_OBJECT);
     EXPECT_FALSE(m_binder->isBinderAlive());
-    EXPECT_EQ(defaultServiceManager()->checkService(String16("echo")), nullptr);
-}
-
-// A daemon may start with descriptor 0 closed; a socket that gets it is as good as any other.
-TEST_F(BinderTest, DescriptorZeroServesAsAnyOther) {
-    const int saved = dup(0);
-    close(0);
-    sp<IBinder> binder = defaultServiceManager()->checkService(String16("echo"));  // connects on 0
-    ASSERT_NE(binder, nullptr);
-    Parcel data, reply;
-    ASSERT_EQ(binder->transact(kEcho, echoRequest(data, 1), &reply), NO_ERROR);
-    EXPECT_EQ(reply.readInt32(), 2);
-    vekd::binder::resetForTesting();
     ProcessState::initWithDriver("/dev/vndbinder");
+    EXPECT_EQ(defaultServiceManager()->checkService(String16("echo")), nullptr);
     EXPECT_EQ(defaultServiceManager()->addService(String16("zero"), m_service), NO_ERROR);  // listens on 0
     vekd::binder::resetForTesting();
     if (saved >= 0) dup2(saved, 0);
@@ -207,12 +198,10 @@ TEST_F(BinderTest, DescriptorZeroServesAsAnyOther) {
 }
 
 TEST_F(BinderTest, FramesUpToOneMebibyteAreCarriedBothWays) {
-    const size_t largest = kMaxFrameBytes - 8;  // after code and flags
-    std::vector<uint8_t> payload(largest, 'x');
-    payload[largest - 8] = 0;  // a C string that fills the frame
     Parcel data, reply;
     echoRequest(data, 1);
-    data.write(payload.data(), largest - data.dataSize());
+    const std::vector<uint8_t> payload(kMaxFrameBytes - 8 - data.dataSize(), 'x');  // fills the frame after code and flags
+    data.write(payload.data(), payload.size());
     ASSERT_EQ(m_binder->transact(kEcho, data, &reply), NO_ERROR);
     EXPECT_EQ(reply.readInt32(), 2);
     data.writeInt32(0);  // one word too many: refused before sending
@@ -267,7 +256,8 @@ TEST_F(BinderTest, PeersWithTooManyDescriptorsOrBrokenFramesLoseOnlyTheirOwnConn
     std::vector<uint8_t> oneWay = frame(8, IBinder::FLAG_ONEWAY), ping = frame(IBinder::PING_TRANSACTION, 0);
     oneWay.insert(oneWay.end(), ping.begin(), ping.end());
     ASSERT_TRUE(peer.send(oneWay));
-    EXPECT_TRUE(peer.pingAnswered());
+    std::vector<uint8_t> answer(12);
+    EXPECT_TRUE(peer.read(answer.data(), answer.size()) && answer == kPingReply);
     EXPECT_EQ(m_binder->transact(7, Parcel(), nullptr, IBinder::FLAG_ONEWAY), NO_ERROR);
     EXPECT_TRUE(pingOk());
 }
