@@ -1,9 +1,11 @@
 // Every rule operation as the exact, ordered list of command lines it hands
 // to the runner, plus its log lines.
-#include <linux/sock_diag.h>
 #include <pthread.h>
 
-#include "rules/tests/RulesTestBase.h"
+#include "config/tests/ParametersTestBase.h"
+#include "platform/LogSink.h"
+#include "rules/IptablesManager.h"
+#include "tests/support/FakeNetlink.h"
 
 namespace {
 
@@ -83,19 +85,25 @@ Lines removeChain(const std::string& iface, const std::string& mark) {
             IPT + "nat -X kwop_nat_POSTROUTING_NUV"};
 }
 
-// Each socket dump (the destroyer's first step) notes whether the rule lock is held.
-class Rules : public RulesTestBase {
+// A fresh parameter store and no rule manager for each test. The fake netlink
+// keeps the machine's sockets safe, and each socket dump (the destroyer's
+// first step, its only request here) notes whether the rule lock is held.
+class Rules : public ParametersTestBase {
   protected:
     void SetUp() override {
-        RulesTestBase::SetUp();
-        netlink.setResponder([this](int, const Bytes& request) {
-            if (reinterpret_cast<const nlmsghdr*>(request.data())->nlmsg_type == SOCK_DIAG_BY_FAMILY) {
-                const bool unlocked = pthread_mutex_trylock(&gIptablesMutex) == 0;
-                if (unlocked) pthread_mutex_unlock(&gIptablesMutex);
-                lockHeldDuringDumps.push_back(!unlocked);
-            }
+        vekd::platform::installHostLogger();
+        IptablesManager::resetForTesting();
+        ParametersTestBase::SetUp();
+        netlink.setResponder([this](int, const Bytes&) {
+            const bool unlocked = pthread_mutex_trylock(&gIptablesMutex) == 0;
+            if (unlocked) pthread_mutex_unlock(&gIptablesMutex);
+            lockHeldDuringDumps.push_back(!unlocked);
             return std::vector<Bytes>{vekd::test::FakeNetlink::done()};
         });
+    }
+    void TearDown() override {
+        IptablesManager::resetForTesting();
+        ParametersTestBase::TearDown();
     }
     void expectUnlocked() {
         ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);
@@ -110,6 +118,7 @@ class Rules : public RulesTestBase {
     }
     Lines logOf() const { return log.linesOf("NUVIptables"); }
 
+    vekd::test::FakeNetlink netlink;
     vekd::test::RecordingCommandPipe pipe;
     std::vector<bool> lockHeldDuringDumps;
 };
@@ -140,14 +149,14 @@ TEST_F(Rules, MarkChainsForEveryInterfaceInNameOrderDespiteFailures) {
 
     // A null record (no line of its own) and one command of rmnet_data0, then
     // of wlan0, fail; each walk still goes over every record.
-    params->m_interfaceMap["ghost"] = nullptr;
+    Parameters::instance()->m_interfaceMap["ghost"] = nullptr;
     pipe.clear();
     pipe.failWhenContains("rule add fwmark 0x65");
     EXPECT_EQ(m->setup_NUV_iptables_FWMARK_chains(), -1);
     EXPECT_EQ(pipe.commands(), both);
     pipe.failWhenContains("-X kwop_fw_wlan0");
     EXPECT_EQ(m->cleanup_NUV_iptables_FWMARK_chains(), -1);
-    params->m_interfaceMap.erase("ghost");
+    Parameters::instance()->m_interfaceMap.erase("ghost");
     EXPECT_EQ(logOf(), (Lines{"E create_NUV_FWMARK_chain_for_iface, Creating FWMARK Chain for a NULL iface",
                               "E remove_NUV_FWMARK_chain_for_iface, Remove FWMARK Chain for a NULL iface",
                               "E create_NUV_FWMARK_chain_for_iface, Creating FWMARK Chain for a NULL iface",
@@ -172,9 +181,8 @@ TEST_F(Rules, MarkChainsForEveryInterfaceInNameOrderDespiteFailures) {
 // Each rule takes its share of what the rules before it left; unmetered
 // links first. Every map also holds a null entry, which is skipped.
 TEST_F(Rules, RatioRulesCascadeOverTheConfiguredLinks) {
-    using Link = std::tuple<const char*, bool, float>;  // name, metered, ratio
-    using Rule = std::pair<std::string, std::string>;    // probability, interface
-    const struct { const char* what; std::vector<Link> links; std::vector<Rule> rules; } cases[] = {
+    // Links: name, metered, ratio; rules: probability, interface.
+    const struct { const char* what; std::vector<std::tuple<const char*, bool, float>> links; std::vector<std::pair<std::string, std::string>> rules; } cases[] = {
         {"no link: only the flush", {}, {}},
         {"only metered links start from a zero sum", {{"a", true, 0.25f}, {"b", true, 0.75f}}, {{"0.250000", "a"}, {"1.000000", "b"}}},
         {"a zero ratio still gets a rule", {{"a", false, 0.0f}, {"b", false, 1.0f}, {"c", true, 0.0f}}, {{"0.000000", "a"}, {"1.000000", "b"}, {"0.000000", "c"}}},
@@ -204,7 +212,6 @@ TEST_F(Rules, RatioRulesCascadeOverTheConfiguredLinks) {
         EXPECT_EQ(pipe.commands(), expected);
         EXPECT_EQ(log.count("set_VEK_ratio_iptables interface ghost0 is not configured, no rule for it"), c.rules.size() < c.links.size() ? 1u : 0u);
     }
-    EXPECT_TRUE(log.contains("handle->interfaceRatio: 0.500000 handle->interfaceName: c"));
     EXPECT_TRUE(log.contains("Updated Ratio: 0.625000"));
     pipe.failWhenContains("-F kwop_VEK");  // an unstarted command fails the rewrite
     EXPECT_EQ(IptablesManager::instance()->set_VEK_ratio_iptables(stats), -1);
