@@ -29,7 +29,7 @@ TEST_F(ParcelTest, FlatBytesOfEachKindOfValueReadBack) {
     Parcel p;
     const int32_t three = 3;
     p.writeInterfaceToken(String16("vekd"));
-    p.writeCString("abc");
+    p.writeCString("wlan0");
     p.writeString16(String16("hi"));
     p.writeString16(String16(""));
     p.writeString16(nullptr, 0);
@@ -42,7 +42,7 @@ TEST_F(ParcelTest, FlatBytesOfEachKindOfValueReadBack) {
         0x00, 0x00, 0x00, 0x80,                                  // strict-mode policy with the gather bit
         0xff, 0xff, 0xff, 0xff,                                  // no work source
         4, 0, 0, 0, 'v', 0, 'e', 0, 'k', 0, 'd', 0, 0, 0, 0, 0,  // 4 UTF-16 units, terminator, pad
-        'a', 'b', 'c', 0,                                        // C string, terminator
+        'w', 'l', 'a', 'n', '0', 0, 0, 0,                        // C string, terminator, pad
         2, 0, 0, 0, 'h', 0, 'i', 0, 0, 0, 0, 0,                  // "hi", terminator, pad
         0, 0, 0, 0, 0, 0, 0, 0,                                  // an empty string
         0xff, 0xff, 0xff, 0xff,                                  // a null string
@@ -55,7 +55,7 @@ TEST_F(ParcelTest, FlatBytesOfEachKindOfValueReadBack) {
     EXPECT_EQ(bytesOf(p), expected);
     p.setDataPosition(8);  // the token's text
     EXPECT_EQ(p.readString16(), String16("vekd"));
-    EXPECT_STREQ(p.readCString(), "abc");
+    EXPECT_STREQ(p.readCString(), "wlan0");
     EXPECT_EQ(p.readString16(), String16("hi"));
     EXPECT_EQ(p.readString16(), String16(""));
     String16 null16("x");

@@ -245,8 +245,7 @@ TEST_F(BinderTest, PeersWithTooManyDescriptorsOrBrokenFramesLoseOnlyTheirOwnConn
 
     std::vector<uint8_t> pingThenShort = frame(IBinder::PING_TRANSACTION, 0);
     pingThenShort.insert(pingThenShort.end(), {4, 0, 0, 0, 1, 0, 0, 0});
-    for (const std::vector<uint8_t>& bad : {std::vector<uint8_t>{'G', 'E', 'T', ' ', '/', '\r', '\n', 0},
-                                            {4, 0, 0, 0, 1, 0, 0, 0},  // cannot hold code and flags
+    for (const std::vector<uint8_t>& bad : {std::vector<uint8_t>{4, 0, 0, 0, 1, 0, 0, 0},  // cannot hold code and flags
                                             pingThenShort}) {
         RawSocket peer(path, false);
         ASSERT_TRUE(peer.send(bad));
