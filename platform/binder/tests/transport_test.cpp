@@ -327,7 +327,7 @@ TEST_F(BinderTest, StaleSocketIsReplacedOtherFilesAreNotAndQueuedWorkRunsSixteen
     std::atomic<int> ok{0};
     std::vector<std::thread> callers;
     for (int i = 0; i < 20; ++i) callers.emplace_back([&] { ok += binder->transact(kGate, Parcel(), nullptr) == NO_ERROR; });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // queued before any pool thread joins
     std::thread looper([] { IPCThreadState::self()->joinThreadPool(); });
     EXPECT_TRUE(m_service->waitFor([&] { return m_service->m_inFlight == 16; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the other four must wait
