@@ -1,5 +1,4 @@
-// vekctl run as a subprocess under a temporary VEKD_ROOT: first with no
-// service, then against a stand-in vekd service published by the test process.
+// vekctl as a subprocess under a temporary VEKD_ROOT, with no service and then with a stand-in one.
 #include <binder/Binder.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -17,8 +16,7 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-// Answers vekd's calls with `answer`, no result or an unknown-transaction
-// status; what the calls carry is checked against the real daemon elsewhere.
+// Answers as told; what vekctl's calls carry is checked against the real daemon elsewhere.
 class FakeVekd : public BBinder {
   public:
     static constexpr int kNoResult = -1, kUnknown = -2;
@@ -34,9 +32,9 @@ class FakeVekd : public BBinder {
 TEST(VekctlTest, ExitCodesLinesAndTransactionsOfEveryVerb) {
     vekd::test::TempRoot root;
     auto vekctl = [&](const Lines& args) {
-        std::string out, err;
-        const int code = vekd::test::runProgram(VEKCTL_PATH, args, root.path(), &out, &err);
-        return std::make_tuple(code, out, err);
+        std::tuple<int, std::string, std::string> r;
+        std::get<0>(r) = vekd::test::runProgram(VEKCTL_PATH, args, root.path(), &std::get<1>(r), &std::get<2>(r));
+        return r;
     };
     const std::string see = " (see vekctl --help)\n";
     const struct { Lines args; int exit; std::string out, err; } cases[] = {
@@ -58,7 +56,6 @@ TEST(VekctlTest, ExitCodesLinesAndTransactionsOfEveryVerb) {
         {{"getprop", "vendor.vek.enabled"}, 0, "\n", ""},
     };
     for (const auto& c : cases) EXPECT_EQ(vekctl(c.args), std::make_tuple(c.exit, c.out, c.err)) << c.err;
-    // Each verb's synopsis is the one the usage errors above show.
     const std::string help = std::get<1>(vekctl({"--help"}));
     EXPECT_EQ(help.rfind("usage: vekctl VERB [ARGS]\n\nVerbs:\n  update-uid UID MODE  ", 0), 0u) << help;
 
