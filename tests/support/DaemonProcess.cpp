@@ -12,23 +12,19 @@
 #include <sstream>
 #include <thread>
 
-#ifndef VEKD_BINARY_DIR
-#error "VEKD_BINARY_DIR must name the build's bin directory"
-#endif
-
 namespace vekd::test {
 namespace {
 
-pid_t spawn(const std::string& program, const std::vector<std::string>& args, const std::string& root, int outFd,
-            int errFd) {
+pid_t spawn(const std::string& program, const std::vector<std::string>& args, const std::string& root, int out,
+            int err) {
     std::vector<char*> argv = {const_cast<char*>(program.c_str())};
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
         dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-        dup2(outFd, STDOUT_FILENO);
-        dup2(errFd, STDERR_FILENO);
+        dup2(out, STDOUT_FILENO);
+        dup2(err, STDERR_FILENO);
         setenv("VEKD_ROOT", root.c_str(), 1);
         execv(program.c_str(), argv.data());
         _exit(127);
@@ -38,9 +34,7 @@ pid_t spawn(const std::string& program, const std::vector<std::string>& args, co
 
 std::string slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 std::vector<std::string> split(const std::string& text, char end) {
@@ -48,12 +42,6 @@ std::vector<std::string> split(const std::string& text, char end) {
     std::istringstream in(text);
     for (std::string item; std::getline(in, item, end);) out.push_back(item);
     return out;
-}
-
-int countEntries(const std::string& dir) {
-    std::error_code ec;
-    std::filesystem::directory_iterator it(dir, ec);
-    return ec ? -1 : static_cast<int>(std::distance(it, std::filesystem::directory_iterator()));
 }
 
 }  // namespace
@@ -80,9 +68,7 @@ DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::
     close(devnull);
 }
 
-DaemonProcess::~DaemonProcess() {
-    if (running()) stop(SIGKILL);
-}
+DaemonProcess::~DaemonProcess() { stop(SIGKILL); }
 
 std::string DaemonProcess::log() const { return slurp(m_logFile); }
 
@@ -114,11 +100,9 @@ int DaemonProcess::stop(int signal, std::chrono::milliseconds timeout) {
 
 int runProgram(const std::string& program, const std::vector<std::string>& args, const std::string& root,
                std::string* out, std::string* err) {
-    char outPath[] = "/tmp/vekd-run-out-XXXXXX";
-    char errPath[] = "/tmp/vekd-run-err-XXXXXX";
-    const int outFd = mkostemp(outPath, O_CLOEXEC);
-    const int errFd = mkostemp(errPath, O_CLOEXEC);
-    const pid_t pid = spawn(program, args, root, outFd, errFd);
+    FILE* outFile = tmpfile();
+    FILE* errFile = tmpfile();
+    const pid_t pid = spawn(program, args, root, fileno(outFile), fileno(errFile));
     int status = 0;
     // Bounded: a daemon that stops answering must fail the test, not hang it.
     const auto exited = [&] { return waitpid(pid, &status, WNOHANG) == pid; };
@@ -127,12 +111,11 @@ int runProgram(const std::string& program, const std::vector<std::string>& args,
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
     }
-    close(outFd);
-    close(errFd);
-    if (out) *out = slurp(outPath);
-    if (err) *err = (hung ? program + " got no answer within 30 s\n" : std::string()) + slurp(errPath);
-    unlink(outPath);
-    unlink(errPath);
+    const auto text = [](FILE* f) { return slurp("/proc/self/fd/" + std::to_string(fileno(f))); };
+    if (out) *out = text(outFile);
+    if (err) *err = (hung ? program + " got no answer within 30 s\n" : "") + text(errFile);
+    fclose(outFile);
+    fclose(errFile);
     if (hung) return -2;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -141,7 +124,6 @@ Vekd::Vekd(const std::string& conf) {
     wrap("iptables-wrapper-1.0", "");
     wrap("ip-wrapper-1.0", "");
     root.writeFile("/data/vendor/vek/vekd.conf", conf);
-    root.writeFile("/calls.log", "");
     makeDirs(root.at("/dev/__properties__"));
     makeDirs(root.at("/proc/vek"));
     mkfifo(root.at("/proc/vek/config").c_str(), 0600);
@@ -164,14 +146,10 @@ void Vekd::launch() {
                                               root.at("/vekd.log"));
 }
 
-testing::AssertionResult Vekd::serving() const {
-    if (waitForLog("D vekd: Added service", std::chrono::seconds(20))) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "vekd did not register its service:\n" << log();
-}
-
 testing::AssertionResult Vekd::start() {
     launch();
-    return serving();
+    if (process->waitForLog("D vekd: Added service", std::chrono::seconds(20))) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "vekd did not register its service:\n" << log();
 }
 
 int Vekd::vekctl(const std::vector<std::string>& args, std::string* err) const {
@@ -194,10 +172,6 @@ void Vekd::wrap(const std::string& wrapper, const std::string& then) const {
                    "#!/bin/sh\n{ printf '<%s>' " + wrapper + " \"$@\"; printf '\\0'; } >> " + root.at("/calls.log") +
                        "\n" + then + "\n",
                    true);
-}
-
-bool Vekd::waitForLog(const std::string& fragment, std::chrono::milliseconds timeout, size_t count) const {
-    return process->waitForLog(fragment, timeout, count);
 }
 
 std::vector<std::string> Vekd::argumentCalls() const { return split(slurp(root.at("/calls.log")), '\0'); }
@@ -223,16 +197,10 @@ std::vector<std::string> Vekd::controlCommands() {
     return out.empty() ? std::vector<std::string>{""} : out;
 }
 
-int Vekd::descriptors() const { return countEntries("/proc/" + std::to_string(process->pid()) + "/fd"); }
-
-int Vekd::threads() const { return countEntries("/proc/" + std::to_string(process->pid()) + "/task"); }
-
-long Vekd::residentKb() const {
-    std::ifstream in("/proc/" + std::to_string(process->pid()) + "/status");
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-    }
-    return -1;
+int Vekd::count(const char* what) const {
+    std::error_code ec;
+    std::filesystem::directory_iterator it("/proc/" + std::to_string(process->pid()) + "/" + what, ec);
+    return ec ? -1 : static_cast<int>(std::distance(it, std::filesystem::directory_iterator()));
 }
 
 }  // namespace vekd::test

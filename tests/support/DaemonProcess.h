@@ -1,5 +1,4 @@
-// The programs of the build (vekd, vekctl, vekstatd) as child processes under
-// a root directory, and the real daemon under a root that records what it runs.
+// The programs of the build as child processes under a root directory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,7 +34,8 @@ class DaemonProcess {
     std::string log() const;
     size_t logCount(const std::string& fragment) const;
     // Waits until the log contains `fragment` (count times); false on timeout.
-    bool waitForLog(const std::string& fragment, std::chrono::milliseconds timeout, size_t count = 1) const;
+    bool waitForLog(const std::string& fragment, std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                    size_t count = 1) const;
     bool running();
     // Sends `signal` and waits for the exit; the wait status, or -1 on timeout.
     int stop(int signal, std::chrono::milliseconds timeout = std::chrono::seconds(10));
@@ -45,9 +45,8 @@ class DaemonProcess {
     std::string m_logFile;
 };
 
-// Runs a program to completion with VEKD_ROOT=`root`; its exit code (-1 when
-// it did not exit normally, -2 when it was killed after 30 s), with stdout and
-// stderr returned through the pointers.
+// Runs a program to completion with VEKD_ROOT=`root`: its exit code (-1: no
+// normal exit, -2: killed after 30 s), stdout and stderr.
 int runProgram(const std::string& program, const std::vector<std::string>& args,
                const std::string& root, std::string* out = nullptr, std::string* err = nullptr);
 
@@ -62,38 +61,29 @@ class Vekd {
     explicit Vekd(const std::string& conf);
     ~Vekd();
 
-    // Starts vekd (again, an earlier one killed) with a fresh log.
+    // Starts vekd (again, an earlier one killed) with a fresh log; start()
+    // also waits until the service is registered.
     void launch();
-    // Waits until the service is registered.
-    testing::AssertionResult serving() const;
     testing::AssertionResult start();
     bool alive() { return process->running(); }
-
     int vekctl(const std::vector<std::string>& args, std::string* err = nullptr) const;
     bool answersPing() const { return vekctl({"ping"}) == 0; }
-    // Both links' strings and iface-ready; true when all were answered 0.
     bool configureTwoLinks() const;
     // Replaces a property file atomically, as a writer on a device would.
     void setProperty(const std::string& name, const std::string& value) const;
     // Makes `wrapper` log its call, then run the shell text `then`.
     void wrap(const std::string& wrapper, const std::string& then) const;
-
     std::string log() const { return process->log(); }
-    size_t logCount(const std::string& fragment) const { return process->logCount(fragment); }
-    bool waitForLog(const std::string& fragment, std::chrono::milliseconds timeout = std::chrono::seconds(10),
-                    size_t count = 1) const;
-    // Every wrapper call so far as "<wrapper><arg>...<arg>", argument ends visible.
+
+    // Every wrapper call so far as "<wrapper><arg>...<arg>", and as "wrapper arg ... arg".
     std::vector<std::string> argumentCalls() const;
-    // The same as "wrapper arg ... arg".
     std::vector<std::string> calls() const;
     // Whether some call so far contains `fragment`.
     bool called(const std::string& fragment) const;
     // The control commands received so far, without their NULs ({""} when none).
     std::vector<std::string> controlCommands();
-    // What /proc says about the daemon; -1 when it cannot be read.
-    int descriptors() const;
-    int threads() const;
-    long residentKb() const;
+    // Descriptors or threads of the daemon, from /proc; -1 when unreadable.
+    int count(const char* what) const;
 
     TempRoot root;
     std::unique_ptr<DaemonProcess> process;

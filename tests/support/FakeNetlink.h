@@ -13,11 +13,9 @@
 #include <cstring>
 #include <deque>
 #include <functional>
-#include <map>
-#include <mutex>
-#include <vector>
 
 #include "sockdiag/NetlinkOps.h"
+#include "tests/support/Fakes.h"
 
 namespace vekd::test {
 
@@ -32,10 +30,7 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     FakeNetlink() : m_scope(*this) {}
 
     static Bytes message(uint16_t type, const void* body, size_t bodyLen) {
-        nlmsghdr nlh{};
-        nlh.nlmsg_len = static_cast<uint32_t>(NLMSG_LENGTH(bodyLen));
-        nlh.nlmsg_type = type;
-        nlh.nlmsg_flags = NLM_F_MULTI;
+        const nlmsghdr nlh = {static_cast<uint32_t>(NLMSG_LENGTH(bodyLen)), type, NLM_F_MULTI, 0, 0};
         Bytes out(NLMSG_ALIGN(nlh.nlmsg_len), 0);
         memcpy(out.data(), &nlh, sizeof(nlh));
         if (bodyLen > 0) memcpy(out.data() + NLMSG_HDRLEN, body, bodyLen);
@@ -44,10 +39,7 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     static Bytes done() { return message(NLMSG_DONE, "\0\0\0", 4); }
     // The kernel's error answer to a request: the error and the request's header.
     static Bytes error(int32_t err) {
-        nlmsgerr body{};
-        body.error = err;
-        body.msg.nlmsg_len = 72;
-        body.msg.nlmsg_type = SOCK_DESTROY;
+        const nlmsgerr body = {err, {72, SOCK_DESTROY, 0, 0, 0}};
         return message(NLMSG_ERROR, &body, sizeof(body));
     }
     static inet_diag_msg socket(uint8_t family, uint8_t state, uint32_t uid, uint16_t sportNet,
@@ -71,10 +63,7 @@ class FakeNetlink : public sockdiag::NetlinkOps {
         return out;
     }
 
-    void setResponder(Responder r) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_responder = std::move(r);
-    }
+    void setResponder(Responder r) { underLock(m_mutex, [&] { m_responder = std::move(r); }); }
     // The next socket() / connect() calls fail with `err` (0: they succeed).
     void failSocket(int err) { m_socketErrno = err; }
     void failConnect(int err) { m_connectErrno = err; }
@@ -84,16 +73,13 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     void failEmptyRead(int err) { m_emptyReadErrno = err; }
     // A non-blocking peek fails with `err` instead of EAGAIN.
     void failPeek(int err) { m_peekErrno = err; }
-    void queue(int fd, Bytes datagram) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_queues[fd].push_back(std::move(datagram));
-    }
+    void queue(int fd, Bytes datagram) { underLock(m_mutex, [&] { m_queues[fd].push_back(std::move(datagram)); }); }
 
     // What happened (the flags of every receive call in peekFlags()).
-    std::vector<Sent> sent() const { return locked(m_sent); }
-    std::vector<int> opened() const { return locked(m_opened); }
-    std::vector<int> closed() const { return locked(m_closed); }
-    std::vector<int> peekFlags() const { return locked(m_recvFlags); }
+    std::vector<Sent> sent() const { return underLock(m_mutex, [&] { return m_sent; }); }
+    std::vector<int> opened() const { return underLock(m_mutex, [&] { return m_opened; }); }
+    std::vector<int> closed() const { return underLock(m_mutex, [&] { return m_closed; }); }
+    std::vector<int> peekFlags() const { return underLock(m_mutex, [&] { return m_recvFlags; }); }
 
     int socket(int domain, int type, int protocol) override {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -143,11 +129,6 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     }
 
   private:
-    template <class T>
-    T locked(const T& value) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return value;
-    }
     ssize_t send(int fd, Bytes bytes) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_sent.push_back({fd, bytes});

@@ -9,12 +9,6 @@ std::optional<std::string> FakeProperties::read(const std::string& name) {
     return it->second;
 }
 
-bool FakeProperties::write(const std::string& name, const std::string& value) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_values[name] = value;
-    return true;
-}
-
 FILE* RecordingCommandPipe::open(const char* commandLine) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_commands.emplace_back(commandLine);
@@ -27,26 +21,6 @@ FILE* RecordingCommandPipe::open(const char* commandLine) {
         rewind(f);
     }
     return f;
-}
-
-std::vector<std::string> RecordingCommandPipe::commands() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_commands;
-}
-
-void RecordingCommandPipe::clear() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_commands.clear();
-}
-
-void RecordingCommandPipe::failWhenContains(const std::string& fragment) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_failFragments.push_back(fragment);
-}
-
-void RecordingCommandPipe::setOutput(const std::string& output) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_output = output;
 }
 
 int FakeClock::getTimeOfDay(struct timeval* tv) {
@@ -64,16 +38,6 @@ void FakeClock::sleep(uint64_t micros) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_sleepsUs.push_back(micros);
     m_nowUs += micros;
-}
-
-void FakeClock::setNowMs(uint64_t ms) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_nowUs = ms * 1000;
-}
-
-std::vector<uint64_t> FakeClock::sleeps() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_sleepsUs;
 }
 
 pid_t FakeProcessLauncher::fork() {

@@ -20,12 +20,22 @@
 
 namespace vekd::test {
 
+// Runs `f` under `m`, for the fakes' one-line accessors.
+template <class F>
+auto underLock(std::mutex& m, F f) {
+    std::lock_guard<std::mutex> lock(m);
+    return f();
+}
+
 // System properties held in memory; an empty value reads as unset.
 class FakeProperties : public platform::PropertyStore {
   public:
     FakeProperties() : m_scope(*this) {}
     std::optional<std::string> read(const std::string& name) override;
-    bool write(const std::string& name, const std::string& value) override;
+    bool write(const std::string& name, const std::string& value) override {
+        underLock(m_mutex, [&] { m_values[name] = value; });
+        return true;
+    }
     void set(const std::string& name, const std::string& value) { write(name, value); }
     void unset(const std::string& name) { write(name, ""); }
 
@@ -43,12 +53,12 @@ class RecordingCommandPipe : public platform::CommandPipe {
     FILE* open(const char* commandLine) override;
     int close(FILE* stream) override { return fclose(stream); }
 
-    std::vector<std::string> commands() const;
-    void clear();
+    std::vector<std::string> commands() const { return underLock(m_mutex, [&] { return m_commands; }); }
+    void clear() { underLock(m_mutex, [&] { m_commands.clear(); }); }
     // Commands containing `fragment` cannot be started.
-    void failWhenContains(const std::string& fragment);
+    void failWhenContains(const std::string& f) { underLock(m_mutex, [&] { m_failFragments.push_back(f); }); }
     // Every started command prints `output`.
-    void setOutput(const std::string& output);
+    void setOutput(const std::string& output) { underLock(m_mutex, [&] { m_output = output; }); }
 
   private:
     mutable std::mutex m_mutex;
@@ -66,9 +76,10 @@ class FakeClock : public platform::Clock {
     void sleepMicros(useconds_t micros) override { sleep(micros); }
     void sleepSeconds(unsigned seconds) override { sleep(seconds * 1000000ULL); }
 
-    void setNowMs(uint64_t ms);
+    void setNowMs(uint64_t ms) { underLock(m_mutex, [&] { m_nowUs = ms * 1000; }); }
     void failNextTimeOfDay() { m_failNext = true; }
-    std::vector<uint64_t> sleeps() const;  // microseconds, in order
+    // Microseconds, in order.
+    std::vector<uint64_t> sleeps() const { return underLock(m_mutex, [&] { return m_sleepsUs; }); }
 
   private:
     void sleep(uint64_t micros);
