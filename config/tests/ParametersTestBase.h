@@ -1,6 +1,5 @@
-// Each test starts from a fresh parameter store under its own root, with
-// in-memory properties and a route check that succeeds unless told otherwise.
-// The rule and statistics tests build on it too.
+// A fresh parameter store under its own root, in-memory properties and a
+// route check that succeeds unless told otherwise.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,9 +20,8 @@ class ParametersTestBase : public testing::Test {
         Parameters::resetForTesting();
         gDebugLogEnabled = 0;
     }
-    void writeConf(const std::string& text) { root.writeFile(kVekdConfPath, text); }
     Parameters* load(const std::string& conf) {
-        writeConf(conf);
+        root.writeFile(kVekdConfPath, conf);
         return Parameters::instance();
     }
     // Enters a record into the store's interface map, which owns it.
