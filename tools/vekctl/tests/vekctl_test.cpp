@@ -56,8 +56,7 @@ TEST(VekctlTest, ExitCodesLinesAndTransactionsOfEveryVerb) {
         {{"getprop", "vendor.vek.enabled"}, 0, "\n", ""},
     };
     for (const auto& c : cases) EXPECT_EQ(vekctl(c.args), std::make_tuple(c.exit, c.out, c.err)) << c.err;
-    const std::string help = std::get<1>(vekctl({"--help"}));
-    EXPECT_EQ(help.rfind("usage: vekctl VERB [ARGS]\n\nVerbs:\n  update-uid UID MODE  ", 0), 0u) << help;
+    EXPECT_EQ(std::get<1>(vekctl({"--help"})).rfind("usage: vekctl VERB [ARGS]\n\nVerbs:\n  update-uid UID MODE  ", 0), 0u);
 
     ProcessState::initWithDriver("/dev/vndbinder");
     sp<FakeVekd> service = new FakeVekd();

@@ -86,9 +86,8 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     ASSERT_EQ(stat(path.c_str(), &before), 0);
     vekd::test::DaemonProcess publisher(bin, {"--tick-ms", "20"}, root.path(), root.at("/vekstatd.log"));
     ASSERT_TRUE(publisher.waitForLog("a sample every 20 ms", std::chrono::seconds(10)));
-    for (const char* command : {"ports=80,443", "iface=wlan0", "iface=../etc", "enable=0"}) {
-        EXPECT_EQ(VekStatsImpl::instance()->writeStatsConfFile(command), 0) << command;
-    }
+    VekStatsImpl* daemonSide = VekStatsImpl::instance();
+    for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
     ASSERT_TRUE(publisher.waitForLog("command: enable=0", std::chrono::seconds(10))) << publisher.log();
     EXPECT_NE(publisher.log().find("E vekstatd: bad interface name \"../etc\""), std::string::npos);
 
