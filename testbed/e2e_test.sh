@@ -22,21 +22,17 @@ mkdir -p "$out/link-dies"
 
 passed=0 failed=0
 check() {  # check "what" CMD...
-  local what=$1
-  shift
-  "$@" && passed=$((passed + 1)) && echo "PASS: $what" && return
+  "${@:2}" && passed=$((passed + 1)) && echo "PASS: $1" && return
   failed=$((failed + 1))
-  echo "FAIL: $what"
+  echo "FAIL: $1"
 }
 # Stops the monitor once the traffic is over; summary and picture into DIR.
 report() {  # report DIR SCENARIO [more tbreport.py report options]
-  local dir=$1 scenario=$2
-  shift 2
   sleep 1.5
   kill "$TB_PID_monitor" 2>/dev/null
   wait "$TB_PID_monitor" 2>/dev/null
-  "$TB_PY" "$TB_DIR/tbreport.py" report --timeline "$TB_TIMELINE" --out "$dir" --links "${TB_LINKS[@]}" \
-    --app-uid "$TB_UID_APP" --other-uid "$TB_UID_OTHER" --scenario "$scenario" "$@"
+  "$TB_PY" "$TB_DIR/tbreport.py" report --timeline "$TB_TIMELINE" --out "$1" --links "${TB_LINKS[@]}" \
+    --app-uid "$TB_UID_APP" --other-uid "$TB_UID_OTHER" --scenario "$2" "${@:3}"
 }
 
 tb_bring_up
