@@ -29,7 +29,7 @@ class FakeVekd : public BBinder {
     std::atomic<int> answer{0};
 };
 
-TEST(VekctlTest, ExitCodesLinesAndTransactionsOfEveryVerb) {
+TEST(VekctlTest, UsageErrorsPropertiesAndServiceAnswersGiveTheirExitCodeAndOneLine) {
     vekd::test::TempRoot root;
     auto vekctl = [&](const Lines& args) {
         std::tuple<int, std::string, std::string> r;
@@ -63,7 +63,7 @@ TEST(VekctlTest, ExitCodesLinesAndTransactionsOfEveryVerb) {
     ASSERT_EQ(defaultServiceManager()->addService(String16("vekd"), service), NO_ERROR);
     ProcessState::self()->startThreadPool();
     const struct { Lines args; int answer; std::string err; } calls[] = {  // only a zero answer succeeds
-        {{"ping"}, FakeVekd::kUnknown, ""},
+        {{"ping"}, FakeVekd::kUnknown, ""},  // answered by the binder itself
         {{"remove-uid", "10050", "-1"}, 0, ""},
         {{"wlan-inet", "1"}, 7, "vekctl: wlan-inet: the service answered 7\n"},
         {{"remove-uid", "1", "2"}, FakeVekd::kNoResult, "vekctl: remove-uid: the reply carries no result\n"},
