@@ -24,7 +24,7 @@ TEST(DaemonFault, BrokenPlatformIsReportedAndSurvived) {
          {{"iptables-wrapper-1.0: not found", 1},
           {"E VekParameters: execl failed (No such file or directory)", 1},
           {"Interface wlan0 has no route, do not add into map", 1}}},
-        {"wrappers failing", "for w in system/bin/*; do printf '#!/bin/sh\\necho \"refused: $*\" >&2; exit 3' >$w; done",
+        {"wrappers failing", "for w in system/bin/*; do printf '#!/bin/sh\\necho \"refused: $*\">&2\\nexit 3' >$w;done",
          "",
          {{"refused: -w -t mangle -A OUTPUT -j kwop_NUV", 1},
           {"E VekParameters: Invalid interface, status=768", 1},
@@ -33,7 +33,7 @@ TEST(DaemonFault, BrokenPlatformIsReportedAndSurvived) {
         {"no kernel module", "rm -r proc/vek", "",
          {{"E VekStatsImpl: open stats config file failed:No such file or directory", 1},
           {"E VekStatsImpl: open mmap file failed:No such file or directory", 6}}},
-        {"statistics files with a wrong magic", "printf 'xV4\\022' | tee proc/vek/wlan0_mmap >proc/vek/rmnet_data0_mmap", "",
+        {"stats with a wrong magic", "printf 'xV4\\022' | tee proc/vek/wlan0_mmap >proc/vek/rmnet_data0_mmap", "",
          {{"E VekStatsData: VEK stat colletct is not ready", 10}}},
         {"properties flipping", "",
          "p() { echo $2 >t; mv t dev/__properties__/vendor.vek.$1; }; "

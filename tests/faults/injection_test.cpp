@@ -1,6 +1,5 @@
-// Shell syntax in every text that reaches the daemon over the wire. Each
-// payload would create a marker file if any shell ever ran it; the marker
-// must never appear.
+// Shell syntax in every text that reaches the daemon over the wire: each
+// payload would create a marker file if any shell ran it.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -73,8 +72,7 @@ TEST(Injection, ThroughVekctl) {
     EXPECT_TRUE(d.process->waitForLog("rejected: a field holds more than one word", 5s));
     std::this_thread::sleep_for(300ms);
     EXPECT_NE(access(marker.c_str(), F_OK), 0) << "a payload ran:\n" << d.log();
-    // No text became arguments of its own. The route check runs the ip wrapper
-    // without a shell: a payload there is only an odd table name.
+    // No text became arguments of its own (the route check runs no shell).
     for (const std::string& call : d.argumentCalls()) {
         if (call.rfind("<ip-wrapper-1.0><route><show><table><", 0) == 0) continue;
         EXPECT_EQ(call.find("marker"), std::string::npos) << call;

@@ -44,8 +44,6 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     EXPECT_EQ(d.controlCommands(),
               (Lines{"protocols=http,https", "ports=80,443", "iface=rmnet_data0", "iface=wlan0", "enable=1"}));
     EXPECT_TRUE(d.called("ip-wrapper-1.0 route show table rmnet_data0"));
-    EXPECT_TRUE(d.called("ip-wrapper-1.0 -4 rule add fwmark 0x5A table wlan0 prio 25000"));
-    EXPECT_TRUE(d.called(kIpt + "mangle -A kwop_NUV -m owner --uid-owner 10123 -j kwop_NUV2"));
     ASSERT_EQ(d.vekctl({"remove-uid", "10123", "0"}), 0);
     EXPECT_TRUE(d.process->waitForLog("I NUVIptables: old_mode=1\n", 5s)) << d.log();
     ASSERT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
@@ -78,19 +76,6 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     EXPECT_TRUE(controlEnds("enable=0"));
     EXPECT_TRUE(d.called(kIpt + "mangle -D OUTPUT -j kwop_NUV"));
     EXPECT_TRUE(d.alive()) << "the process idles after shutdown instead of exiting";
-}
-
-TEST(DaemonProcess, EnabledTwoBeforeStartRunsOneTurnAndCleansUp) {
-    VEKD_REQUIRE_PRIVATE_NETNS();
-    Vekd d("");
-    d.setProperty("vendor.vek.enabled", "2");
-    d.launch();
-    ASSERT_TRUE(d.process->waitForLog("I Vekd-v2: Vekd exiting")) << d.log();
-    const std::string log = d.log();
-    EXPECT_LT(log.find("Added service"), log.find("Nuv disabled, starting cleanup..."));
-    // The skeleton was built and taken down again.
-    ASSERT_TRUE(vekd::test::eventually([&] { return d.calls().size() >= kSkeletonCalls + 13; }, 5s));
-    EXPECT_EQ(d.calls()[kSkeletonCalls], kIpt + "mangle -D OUTPUT -j kwop_NUV");
 }
 
 TEST(DaemonProcess, ArgumentsAreAnsweredWithoutStarting) {

@@ -54,15 +54,14 @@ int runProgram(const std::string& program, const std::vector<std::string>& args,
 inline constexpr const char* kWlanParams = "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1";
 inline constexpr const char* kWwanParams = "rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1";
 
-// The real vekd under a root of its own: a configuration, wrappers that log
-// each call instead of touching a packet filter, and the module's control FIFO.
+// The real vekd under a root with its configuration, wrappers that log each
+// call instead of touching a packet filter, and the module's control FIFO.
 class Vekd {
   public:
     explicit Vekd(const std::string& conf);
     ~Vekd();
 
-    // Starts vekd (again, an earlier one killed) with a fresh log; start()
-    // also waits until the service is registered.
+    // (Re)starts vekd with a fresh log; start() also waits for its service.
     void launch();
     testing::AssertionResult start();
     bool alive() { return process->running(); }

@@ -9,25 +9,16 @@
 
 #include "platform/LogSink.h"
 
-namespace vekd::platform {
-namespace {
-
 // Without a capture installed, records go on to the platform's log.
-class PlatformLogSink : public LogSink {
-  public:
-    void write(int priority, const char* tag, const char* message) override {
-        __android_log_write(priority, tag, message);
-    }
-};
-
-}  // namespace
-
-LogSink& LogSink::real() {
+vekd::platform::LogSink& vekd::platform::LogSink::real() {
+    struct PlatformLogSink : LogSink {
+        void write(int priority, const char* tag, const char* message) override {
+            __android_log_write(priority, tag, message);
+        }
+    };
     static PlatformLogSink sink;
     return sink;
 }
-
-}  // namespace vekd::platform
 
 extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...) {
     char message[4068];  // the platform's longest record

@@ -1,7 +1,6 @@
-// A stand-in for the socket destroyer's netlink sockets. Requests are
-// recorded; replies are queued per descriptor and handed out one datagram per
-// read. By default a dump is answered empty and a destroy succeeds, so code
-// that destroys a UID's sockets runs in tests without touching real sockets.
+// The socket destroyer's netlink sockets: requests recorded, replies queued
+// per descriptor, one datagram per read; by default dumps are empty and
+// destroys succeed.
 #pragma once
 
 #include <linux/inet_diag.h>

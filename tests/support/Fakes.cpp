@@ -2,13 +2,6 @@
 
 namespace vekd::test {
 
-std::optional<std::string> FakeProperties::read(const std::string& name) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto it = m_values.find(name);
-    if (it == m_values.end() || it->second.empty()) return std::nullopt;
-    return it->second;
-}
-
 FILE* RecordingCommandPipe::open(const char* commandLine) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_commands.emplace_back(commandLine);
@@ -38,11 +31,6 @@ void FakeClock::sleep(uint64_t micros) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_sleepsUs.push_back(micros);
     m_nowUs += micros;
-}
-
-pid_t FakeProcessLauncher::fork() {
-    if (m_failFork) return errno = EAGAIN, -1;
-    return 40000 + ++m_forks;
 }
 
 pid_t FakeProcessLauncher::waitpid(pid_t pid, int* status, int) {

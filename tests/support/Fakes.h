@@ -1,5 +1,4 @@
-// Recording fakes for the platform seams. Each installs itself for its
-// lifetime and restores the real implementation afterwards.
+// Recording fakes for the platform seams, each installed for its lifetime.
 #pragma once
 
 #include <sys/time.h>
@@ -31,7 +30,11 @@ auto underLock(std::mutex& m, F f) {
 class FakeProperties : public platform::PropertyStore {
   public:
     FakeProperties() : m_scope(*this) {}
-    std::optional<std::string> read(const std::string& name) override;
+    std::optional<std::string> read(const std::string& name) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_values.find(name);
+        return it == m_values.end() || it->second.empty() ? std::nullopt : std::optional<std::string>(it->second);
+    }
     bool write(const std::string& name, const std::string& value) override {
         underLock(m_mutex, [&] { m_values[name] = value; });
         return true;
@@ -45,8 +48,8 @@ class FakeProperties : public platform::PropertyStore {
     ScopedSeam<platform::PropertyStore> m_scope;
 };
 
-// Records every command line handed to the runner, in order. Commands start
-// and print nothing unless told otherwise.
+// Records every command line handed to the runner; commands print nothing
+// unless told otherwise.
 class RecordingCommandPipe : public platform::CommandPipe {
   public:
     RecordingCommandPipe() : m_scope(*this) {}
@@ -91,12 +94,11 @@ class FakeClock : public platform::Clock {
     ScopedSeam<platform::Clock> m_scope;
 };
 
-// fork() answers with a made-up pid (40001, 40002, ...) and waitpid() with a
-// chosen status; exec always fails.
+// fork() answers 40001, 40002, ... and waitpid() a chosen status.
 class FakeProcessLauncher : public platform::ProcessLauncher {
   public:
     FakeProcessLauncher() : m_scope(*this) {}
-    pid_t fork() override;
+    pid_t fork() override { return m_failFork ? (errno = EAGAIN, -1) : 40000 + ++m_forks; }
     int execv(const char*, char* const[]) override { return errno = ENOENT, -1; }
     pid_t waitpid(pid_t pid, int* status, int options) override;
 

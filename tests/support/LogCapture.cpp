@@ -6,11 +6,6 @@ namespace vekd::test {
 // otherwise use nothing of the platform library (the linker may drop it).
 LogCapture::LogCapture() : m_scope(*this) { platform::installHostLogger(); }
 
-void LogCapture::write(int priority, const char* tag, const char* message) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_records.push_back({priority, tag, message});
-}
-
 std::vector<std::string> LogCapture::select(const std::string* tag) const {
     static const char kLetters[] = "??VDIWEF";
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -28,11 +23,6 @@ size_t LogCapture::count(const std::string& fragment) const {
     size_t n = 0;
     for (const Record& r : m_records) n += r.message.find(fragment) != std::string::npos;
     return n;
-}
-
-void LogCapture::clear() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_records.clear();
 }
 
 }  // namespace vekd::test

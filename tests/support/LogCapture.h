@@ -6,13 +6,16 @@
 #include <vector>
 
 #include "platform/LogSink.h"
+#include "tests/support/Fakes.h"
 
 namespace vekd::test {
 
 class LogCapture : public platform::LogSink {
   public:
     LogCapture();
-    void write(int priority, const char* tag, const char* message) override;
+    void write(int priority, const char* tag, const char* message) override {
+        underLock(m_mutex, [&] { m_records.push_back({priority, tag, message}); });
+    }
 
     // Records as "P TAG: message" (P one of V D I W E F), in order.
     std::vector<std::string> lines() const { return select(nullptr); }
@@ -20,7 +23,7 @@ class LogCapture : public platform::LogSink {
     std::vector<std::string> linesOf(const std::string& tag) const { return select(&tag); }
     bool contains(const std::string& fragment) const { return count(fragment) > 0; }
     size_t count(const std::string& fragment) const;
-    void clear();
+    void clear() { underLock(m_mutex, [&] { m_records.clear(); }); }
 
   private:
     struct Record {

@@ -1,6 +1,5 @@
-// Tests that use the real kernel run inside a network namespace of their own,
-// never in the machine's. CTest runs each test case in its own process, so
-// the namespace vanishes with the test.
+// Tests that use the real kernel run in a network namespace of their own; CTest
+// runs each test case in its own process, so the namespace vanishes with it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,10 +18,6 @@ std::string runShell(const std::string& command, int* exitCode = nullptr);
 }  // namespace vekd::test
 
 // Skips the current test unless it now runs in a private network namespace.
-#define VEKD_REQUIRE_PRIVATE_NETNS()                                              \
-    do {                                                                          \
-        std::string vekdWhyNot_;                                                  \
-        if (!vekd::test::enterPrivateNetworkNamespace(&vekdWhyNot_)) {            \
-            GTEST_SKIP() << "needs a private network namespace: " << vekdWhyNot_; \
-        }                                                                         \
-    } while (0)
+#define VEKD_REQUIRE_PRIVATE_NETNS()                                       \
+    if (std::string whyNot; !vekd::test::enterPrivateNetworkNamespace(&whyNot)) \
+    GTEST_SKIP() << "needs a private network namespace: " << whyNot

@@ -21,19 +21,14 @@ TempRoot::TempRoot() {
 #endif
     if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
     m_path = tmpl;
-    const char* prev = getenv("VEKD_ROOT");
-    m_hadPrevious = prev != nullptr;
-    if (prev) m_previous = prev;
+    if (const char* previous = getenv("VEKD_ROOT")) m_previous = previous;
     setenv("VEKD_ROOT", m_path.c_str(), 1);
     platform::reloadRootDir();
 }
 
 TempRoot::~TempRoot() {
-    if (m_hadPrevious) {
-        setenv("VEKD_ROOT", m_previous.c_str(), 1);
-    } else {
-        unsetenv("VEKD_ROOT");
-    }
+    if (m_previous) setenv("VEKD_ROOT", m_previous->c_str(), 1);
+    if (!m_previous) unsetenv("VEKD_ROOT");
     platform::reloadRootDir();
     std::error_code ec;
     std::filesystem::remove_all(m_path, ec);

@@ -2,6 +2,7 @@
 // object lives, and it is removed afterwards.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace vekd::test {
@@ -21,8 +22,7 @@ class TempRoot {
 
   private:
     std::string m_path;
-    std::string m_previous;
-    bool m_hadPrevious = false;
+    std::optional<std::string> m_previous;  // VEKD_ROOT before
 };
 
 // Creates every directory of `path` (like mkdir -p).
