@@ -31,7 +31,7 @@ TEST(KilledMidConfiguration, RestartLeavesEveryHookOnce) {
 
     // Run 1: killed while the constructor appends its hooks.
     d.launch();
-    ASSERT_TRUE(eventually([&] { return d.called("-t mangle -A OUTPUT -j kwop_NUV"); }, 20s, 2ms)) << d.log();
+    ASSERT_TRUE(eventually([&] { return d.called("<-t><mangle><-A><OUTPUT><-j><kwop_NUV>"); }, 20s, 2ms)) << d.log();
     d.process->stop(SIGKILL);
 
     // Run 2: killed after the first link's policy-routing rule.
@@ -39,7 +39,7 @@ TEST(KilledMidConfiguration, RestartLeavesEveryHookOnce) {
     ASSERT_EQ(d.vekctl({"iface", "0", vekd::test::kWlanParams}), 0);
     ASSERT_EQ(d.vekctl({"iface", "1", vekd::test::kWwanParams}), 0);
     std::thread ready([&] { d.vekctl({"iface-ready"}); });
-    const bool midway = eventually([&] { return d.called("rule add fwmark 0x5B"); }, 20s, 2ms);
+    const bool midway = eventually([&] { return d.called("<rule><add><fwmark><0x5B>"); }, 20s, 2ms);
     d.process->stop(SIGKILL);
     ready.join();
     ASSERT_TRUE(midway) << d.log();

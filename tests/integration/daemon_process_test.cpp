@@ -18,7 +18,7 @@ using vekd::test::Vekd;
 using Lines = std::vector<std::string>;
 using namespace std::chrono_literals;
 
-const std::string kIpt = "iptables-wrapper-1.0 -w -t ";
+const std::string kIpt = "<iptables-wrapper-1.0><-w><-t>";
 constexpr size_t kSkeletonCalls = 26;  // the rule manager's start-up commands
 
 TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
@@ -28,8 +28,8 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     ASSERT_TRUE(d.start());
     EXPECT_TRUE(d.process->waitForLog("I Vekd-v2: VEK-V2 5.0.0 starting daemon"));
     ASSERT_TRUE(vekd::test::eventually([&] { return d.calls().size() >= kSkeletonCalls; }, 10s));
-    EXPECT_EQ(d.calls().front(), kIpt + "mangle -N kwop_NUV");
-    EXPECT_EQ(d.calls()[kSkeletonCalls - 1], kIpt + "nat -A POSTROUTING -p tcp -j kwop_nat_POSTROUTING_NUV");
+    EXPECT_EQ(d.calls().front(), kIpt + "<mangle><-N><kwop_NUV>");
+    EXPECT_EQ(d.calls()[kSkeletonCalls - 1], kIpt + "<nat><-A><POSTROUTING><-p><tcp><-j><kwop_nat_POSTROUTING_NUV>");
     // The idle loop picks the debug property up at once: verbose lines follow.
     ASSERT_EQ(d.vekctl({"setprop", "vendor.vek.debug", "1"}), 0);
     ASSERT_EQ(d.vekctl({"update-uid", "10123", "2"}), 0);
@@ -43,7 +43,7 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     ASSERT_TRUE(controlEnds("enable=1")) << d.log();
     EXPECT_EQ(d.controlCommands(),
               (Lines{"protocols=http,https", "ports=80,443", "iface=rmnet_data0", "iface=wlan0", "enable=1"}));
-    EXPECT_TRUE(d.called("ip-wrapper-1.0 route show table rmnet_data0"));
+    EXPECT_TRUE(d.called("<ip-wrapper-1.0><route><show><table><rmnet_data0>"));
     ASSERT_EQ(d.vekctl({"remove-uid", "10123", "0"}), 0);
     EXPECT_TRUE(d.process->waitForLog("I NUVIptables: old_mode=1\n", 5s)) << d.log();
     ASSERT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
@@ -74,7 +74,7 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     ASSERT_TRUE(d.process->waitForLog("I Vekd-v2: Vekd exiting")) << d.log();
     EXPECT_EQ(d.process->logCount("E Vekd-v2: Nuv disabled, starting cleanup..."), 1u);
     EXPECT_TRUE(controlEnds("enable=0"));
-    EXPECT_TRUE(d.called(kIpt + "mangle -D OUTPUT -j kwop_NUV"));
+    EXPECT_TRUE(d.called(kIpt + "<mangle><-D><OUTPUT><-j><kwop_NUV>"));
     EXPECT_TRUE(d.alive()) << "the process idles after shutdown instead of exiting";
 }
 

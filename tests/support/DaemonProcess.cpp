@@ -127,16 +127,12 @@ Vekd::Vekd(const std::string& conf) {
     makeDirs(root.at("/dev/__properties__"));
     makeDirs(root.at("/proc/vek"));
     mkfifo(root.at("/proc/vek/config").c_str(), 0600);
-    // Held open for reading and writing, the FIFO never reads as closed
-    // between the daemon's commands and never blocks the daemon's writes.
+    // Held open both ways, the FIFO never reads as closed nor blocks the daemon.
     m_control = open(root.at("/proc/vek/config").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     fcntl(m_control, F_SETPIPE_SZ, 1 << 20);
 }
 
-Vekd::~Vekd() {
-    process.reset();
-    close(m_control);
-}
+Vekd::~Vekd() { close(m_control); }
 
 void Vekd::launch() {
     process.reset();
@@ -174,16 +170,7 @@ void Vekd::wrap(const std::string& wrapper, const std::string& then) const {
                    true);
 }
 
-std::vector<std::string> Vekd::argumentCalls() const { return split(slurp(root.at("/calls.log")), '\0'); }
-
-std::vector<std::string> Vekd::calls() const {
-    std::vector<std::string> out;
-    for (std::string call : argumentCalls()) {
-        for (size_t at = call.find("><"); at != std::string::npos; at = call.find("><", at)) call.replace(at, 2, " ");
-        out.push_back(call.substr(1, call.size() - 2));
-    }
-    return out;
-}
+std::vector<std::string> Vekd::calls() const { return split(slurp(root.at("/calls.log")), '\0'); }
 
 bool Vekd::called(const std::string& fragment) const {
     const std::vector<std::string> all = calls();

@@ -74,8 +74,7 @@ class Vekd {
     void wrap(const std::string& wrapper, const std::string& then) const;
     std::string log() const { return process->log(); }
 
-    // Every wrapper call so far as "<wrapper><arg>...<arg>", and as "wrapper arg ... arg".
-    std::vector<std::string> argumentCalls() const;
+    // Every wrapper call so far as "<wrapper><arg>...<arg>", argument ends visible.
     std::vector<std::string> calls() const;
     // Whether some call so far contains `fragment`.
     bool called(const std::string& fragment) const;
