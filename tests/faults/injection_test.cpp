@@ -20,20 +20,6 @@ using namespace std::chrono_literals;
 // Arrives as an argument of its own if any whitespace split a text.
 constexpr const char* kSentinel = "VEKINJECT";
 
-// Every way a shell command line can be made to run a second command, write
-// a file or take more arguments (`M`: the marker's path), `blank` for each blank.
-std::vector<std::string> payloads(const std::string& marker, char blank) {
-    std::vector<std::string> out;
-    for (const std::string form : {";touch M #", "|touch M #", "&touch M #", "&&touch M #", "$(touch M)", "`touch M`",
-                                   "\ntouch M\n", "\"$(touch M)\"", ">M", ">>M", "$(touch${IFS}M)",
-                                   " -m comment --comment VEKINJECT"}) {
-        std::string f;
-        for (char c : form) f += c == ' ' ? std::string(1, blank) : c == 'M' ? marker : std::string(1, c);
-        out.push_back(f);
-    }
-    return out;
-}
-
 // `params` with field `index` followed by `payload`.
 std::string withPayload(const std::string& params, size_t index, const std::string& payload) {
     size_t start = 0;
@@ -47,12 +33,17 @@ TEST(Injection, ThroughVekctl) {
     Vekd d("mini_est_interval=100\n");
     ASSERT_TRUE(d.start());
     const std::string marker = d.root.at("/marker");
-    // Every field of both links' strings, four strings per iface-ready.
     std::string err;
     int slot = 0;
+    // Every way a shell command line can be made to run a second command, write
+    // a file or take more arguments (`M`: the marker), blanks also as \t \v \r.
     for (char blank : {' ', '\t', '\v', '\r'}) {
-        for (const std::string& payload : payloads(marker, blank)) {
-            for (size_t index = 0; index < 8; ++index) {
+        for (const std::string form : {";touch M #", "|touch M #", "&touch M #", "&&touch M #", "$(touch M)",
+                                       "`touch M`", "\ntouch M\n", "\"$(touch M)\"", ">M", ">>M", "$(touch${IFS}M)",
+                                       " -m comment --comment VEKINJECT"}) {
+            std::string payload;
+            for (char c : form) payload += c == ' ' ? std::string(1, blank) : c == 'M' ? marker : std::string(1, c);
+            for (size_t index = 0; index < 8; ++index) {  // every field, four strings per iface-ready
                 for (const std::string params : {kWlanParams, kWwanParams}) {
                     const std::string text = withPayload(params, index, payload);
                     ASSERT_EQ(d.vekctl({"iface", std::to_string(slot), text}, &err), 0) << err;

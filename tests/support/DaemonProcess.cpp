@@ -62,10 +62,8 @@ DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::
                              const std::string& root, const std::string& logFile)
     : m_logFile(logFile) {
     const int log = open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    m_pid = spawn(program, args, root, devnull, log);
+    m_pid = spawn(program, args, root, log, log);
     close(log);
-    close(devnull);
 }
 
 DaemonProcess::~DaemonProcess() { stop(SIGKILL); }

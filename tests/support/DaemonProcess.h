@@ -23,7 +23,7 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 
 class DaemonProcess {
   public:
-    // Starts `program` with `args` and VEKD_ROOT=`root`; stderr goes to `logFile`.
+    // Starts `program` with `args` and VEKD_ROOT=`root`; its output goes to `logFile`.
     DaemonProcess(const std::string& program, const std::vector<std::string>& args,
                   const std::string& root, const std::string& logFile);
     ~DaemonProcess();  // SIGKILL, if still running

@@ -43,16 +43,11 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     }
     static inet_diag_msg socket(uint8_t family, uint8_t state, uint32_t uid, uint16_t sportNet,
                                 uint16_t dportNet, const void* src, const void* dst) {
-        inet_diag_msg msg{};
-        msg.idiag_family = family;
-        msg.idiag_state = state;
-        msg.idiag_uid = uid;
-        msg.id.idiag_sport = sportNet;
-        msg.id.idiag_dport = dportNet;
+        const inet_diag_sockid id = {sportNet, dportNet, {}, {}, 0, {uid ^ sportNet, 0}};
+        inet_diag_msg msg = {family, state, 0, 0, id, 0, 0, 0, uid, 0};
         const size_t addrLen = family == AF_INET6 ? 16 : 4;
         if (src) memcpy(msg.id.idiag_src, src, addrLen);
         if (dst) memcpy(msg.id.idiag_dst, dst, addrLen);
-        msg.id.idiag_cookie[0] = uid ^ sportNet;
         return msg;
     }
     static Bytes diag(const inet_diag_msg& msg) { return message(SOCK_DIAG_BY_FAMILY, &msg, sizeof(msg)); }

@@ -31,9 +31,8 @@ class FakeProperties : public platform::PropertyStore {
   public:
     FakeProperties() : m_scope(*this) {}
     std::optional<std::string> read(const std::string& name) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_values.find(name);
-        return it == m_values.end() || it->second.empty() ? std::nullopt : std::optional<std::string>(it->second);
+        const std::string value = underLock(m_mutex, [&] { return m_values[name]; });
+        return value.empty() ? std::nullopt : std::optional<std::string>(value);
     }
     bool write(const std::string& name, const std::string& value) override {
         underLock(m_mutex, [&] { m_values[name] = value; });

@@ -1,5 +1,5 @@
-// The daemon's singletons run in the test process against fakes of all they
-// touch; each instance starts and ends with fresh singletons.
+// The daemon's singletons in the test process against fakes of all they touch,
+// fresh at the start and the end.
 #pragma once
 
 #include "config/Parameters.h"

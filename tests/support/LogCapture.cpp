@@ -2,8 +2,7 @@
 
 namespace vekd::test {
 
-// Installing the logger here keeps capture working in test programs that
-// otherwise use nothing of the platform library (the linker may drop it).
+// Installed here, or the linker may drop the host logger from test programs.
 LogCapture::LogCapture() : m_scope(*this) { platform::installHostLogger(); }
 
 std::vector<std::string> LogCapture::select(const std::string* tag) const {
