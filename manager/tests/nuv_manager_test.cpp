@@ -223,8 +223,10 @@ TEST_F(Manager, ADeadLinkLosesItsShareAndTheDnsAtOnceAndGetsThemBack) {
     m->notifyWlanHasInternet(false);
     m->adjustParameters();
     EXPECT_STREQ(m->dnsInterface()->name, "rmnet_data0");
+    // Five seconds, whatever a check costs: the binder thread's commands pile up.
     auto waitFor = [](const std::function<bool()>& condition) {
-        for (int i = 0; i < 5000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         return condition();
     };
     pipe.clear();
