@@ -34,50 +34,103 @@ namespace {
 // The fake clock's "now"; the estimator's own "now" is one millisecond later.
 constexpr uint64_t kNowMs = 1700000000000ULL;
 
+// `count` counted samples of `bytes`, `stepMs` apart, the newest at `newestMs`.
+void fillSteady(stats::StatsRingWriter& ring, uint32_t count, uint64_t stepMs, uint32_t bytes, uint64_t newestMs = kNowMs) {
+    ring.setMagic();
+    ring.appendSeries(newestMs - (count - 1) * stepMs, stepMs, count, bytes);
+}
+
+// Records, for each ratio rule, whether the statistics lock is held.
+class LockProbePipe : public RecordingCommandPipe {
+  public:
+    FILE* open(const char* line) override {
+        const int rc = pthread_mutex_trylock(&VekStatsImpl::m_mutex);
+        if (rc == 0) pthread_mutex_unlock(&VekStatsImpl::m_mutex);
+        if (strstr(line, "kwop_VEK") != nullptr) lockHeld.push_back(rc == EBUSY);
+        return RecordingCommandPipe::open(line);
+    }
+    std::vector<bool> lockHeld;
+};
+
+// Rate and number of samples counted.
+using Estimate = std::pair<unsigned, unsigned>;
+using Rules = std::vector<std::string>;
+
 class StatsTest : public ParametersTestBase {
   protected:
     void SetUp() override {
         ParametersTestBase::SetUp();
         VekStatsImpl::resetForTesting();
+        IptablesManager::resetForTesting();
+        IptablesManager::instance();  // its skeleton commands are not of interest
+        pipe.clear();
+        pipe.lockHeld.clear();
         params = Parameters::instance();
         makeDirs(root.at("/proc/vek"));
     }
     void TearDown() override {
         VekStatsImpl::resetForTesting();
+        IptablesManager::resetForTesting();
         ParametersTestBase::TearDown();
     }
     std::string statsPath(const std::string& name) const { return root.at("/proc/vek/" + name + "_mmap"); }
     VekStatsImpl* stats() { return VekStatsImpl::instance(); }
-
-    FakeClock clock{kNowMs};
-    Parameters* params = nullptr;
-};
-
-// `count` counted samples of `bytes`, `stepMs` apart, the newest at `newestMs`.
-void fillSteady(stats::StatsRingWriter& ring, uint32_t count, uint64_t stepMs, uint32_t bytes,
-                       uint64_t newestMs = kNowMs) {
-    ring.setMagic();
-    ring.appendSeries(newestMs - (count - 1) * stepMs, stepMs, count, bytes);
-}
-
-using stats::makeSample;
-using stats::StatsFileBuilder;
-
-// Rate and number of samples counted.
-using Estimate = std::pair<unsigned, unsigned>;
-
-class EstimatorTest : public StatsTest {
-  protected:
+    void set(OperId id, int value) { params->m_operParams[id] = value; }
+    // The estimate over `ring`.
     Estimate estimate() {
         VekStatsData data(ring.data(), false);
         unsigned count = 12345;
         unsigned rate = data.linkRateEstimate(&count, "wlan0");
         return {rate, count};
     }
-    void set(OperId id, int value) { params->m_operParams[id] = value; }
+    // A link with this turn's estimate (and share, unless negative), no statistics file.
+    void link(const std::string& name, bool metered, unsigned lre, float previous = -1, bool configured = true) {
+        if (configured && params->m_interfaceMap.count(name) == 0) addInterface(name, metered);
+        linkStatsWrapper_t*& record = stats()->m_linkStatsMap[name];
+        if (record == nullptr) {
+            record = new linkStatsWrapper_t();
+            snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", name.c_str());
+        }
+        record->lre = lre;
+        if (previous >= 0) record->interfaceRatio = previous;
+    }
+    // Every record's share, in name order.
+    std::vector<float> ratios() {
+        std::vector<float> out;
+        for (auto& entry : stats()->m_linkStatsMap) out.push_back(entry.second->interfaceRatio);
+        return out;
+    }
+    // Configures `name` and publishes `count` samples of `bytes` every 8 ms in its file.
+    void publish(const std::string& name, bool metered, uint32_t bytes, uint32_t count = 20) {
+        if (params->m_interfaceMap.count(name) == 0) addInterface(name, metered);
+        std::string error;
+        auto& file = files[name];
+        if (!file) file = stats::StatsFile::open(statsPath(name), &error);
+        ASSERT_TRUE(file) << error;
+        file->clear();
+        fillSteady(*file, count, 8, bytes);
+    }
+    // The ratio rules run since the last call, as "probability -j chain" each
+    // (their full text is the rule tests' business), and the flush.
+    Rules ratioRules() {
+        Rules out;
+        for (const std::string& c : pipe.commands()) {
+            if (c.find("-F kwop_VEK") != std::string::npos) out.push_back("flush");
+            if (c.find("--probability ") != std::string::npos) out.push_back(c.substr(c.find("--probability ") + 14));
+        }
+        pipe.clear();
+        return out;
+    }
 
-    StatsFileBuilder ring;
+    FakeClock clock{kNowMs};
+    Parameters* params = nullptr;
+    stats::StatsFileBuilder ring;
+    std::map<std::string, std::unique_ptr<stats::StatsFile>> files;
+    LockProbePipe pipe;
 };
+
+using stats::makeSample;
+using stats::StatsFileBuilder;
 
 // Rings are built from a blank file, even where an earlier builder wrote.
 TEST(StatsFileBuilderTest, EveryRingStartsBlankAndAnUnwritablePathIsRefused) {
@@ -94,7 +147,7 @@ TEST(StatsFileBuilderTest, EveryRingStartsBlankAndAnUnwritablePathIsRefused) {
 
 // Steady series of 1024 bytes: the write index before, the samples, their
 // spacing and the newest stamp; the bounds; the estimate (1024-bit kilobits).
-TEST_F(EstimatorTest, SteadySeriesAgainstEachBound) {
+TEST_F(StatsTest, SteadySeriesAgainstEachBound) {
     const uint64_t kOld = kNowMs + 1 - 1500;
     const struct {
         const char* what;
@@ -135,7 +188,7 @@ TEST_F(EstimatorTest, SteadySeriesAgainstEachBound) {
 }
 
 // Hand-made rings, oldest sample first: {ms before now, bytes, kind, flag}.
-TEST_F(EstimatorTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
+TEST_F(StatsTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
     struct Sample {
         int64_t agoMs;
         uint32_t bytes;
@@ -162,7 +215,7 @@ TEST_F(EstimatorTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
     }
 }
 
-TEST_F(EstimatorTest, NotReadyClockFailureAndCorruptRingsGiveZero) {
+TEST_F(StatsTest, NotReadyClockFailureAndCorruptRingsGiveZero) {
     fillSteady(ring, 20, 8, 1024);
     ring.setMagic(0);
     EXPECT_EQ(estimate(), Estimate(0, 12345));  // untouched
@@ -185,7 +238,7 @@ TEST_F(EstimatorTest, NotReadyClockFailureAndCorruptRingsGiveZero) {
     }
 }
 
-TEST_F(EstimatorTest, VerboseLogShowsNewestEntryAndResult) {
+TEST_F(StatsTest, VerboseLogShowsNewestEntryAndResult) {
     gDebugLogEnabled = 1;
     ring.setMagic();
     ring.append(makeSample(kNowMs - 8, 1024, kVekSampleCounted, 0, 7));
@@ -215,58 +268,6 @@ TEST_F(StatsTest, HistoryKeepsTheMaximumOfTheLastEstimatesAndRescansWhenItLeaves
     EXPECT_EQ(history.rates.size(), 3u);
 }
 
-constexpr const char* kRule =
-    "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kwop_VEK --match multiport -p tcp --dports "
-    "80,443 -m state --state NEW -m statistic --mode random --probability ";
-constexpr const char* kFlush = "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kwop_VEK";
-
-// Records whether the statistics lock is held while ratio rules are run.
-class LockProbePipe : public RecordingCommandPipe {
-  public:
-    FILE* open(const char* line) override {
-        const int rc = pthread_mutex_trylock(&VekStatsImpl::m_mutex);
-        if (rc == 0) pthread_mutex_unlock(&VekStatsImpl::m_mutex);
-        if (strstr(line, "kwop_VEK") != nullptr) lockHeld.push_back(rc == EBUSY);
-        return RecordingCommandPipe::open(line);
-    }
-    std::vector<bool> lockHeld;
-};
-
-class RatiosTest : public StatsTest {
-  protected:
-    void SetUp() override {
-        StatsTest::SetUp();
-        IptablesManager::resetForTesting();
-        IptablesManager::instance();  // its skeleton commands are not of interest
-        pipe.clear();
-        pipe.lockHeld.clear();
-    }
-    void TearDown() override {
-        IptablesManager::resetForTesting();
-        StatsTest::TearDown();
-    }
-
-    // A link with this turn's estimate (and share, unless negative), no statistics file.
-    void link(const std::string& name, bool metered, unsigned lre, float previous = -1, bool configured = true) {
-        if (configured && params->m_interfaceMap.count(name) == 0) addInterface(name, metered);
-        linkStatsWrapper_t*& record = stats()->m_linkStatsMap[name];
-        if (record == nullptr) {
-            record = new linkStatsWrapper_t();
-            snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", name.c_str());
-        }
-        record->lre = lre;
-        if (previous >= 0) record->interfaceRatio = previous;
-    }
-    // Every record's share, in name order.
-    std::vector<float> ratios() {
-        std::vector<float> out;
-        for (auto& entry : stats()->m_linkStatsMap) out.push_back(entry.second->interfaceRatio);
-        return out;
-    }
-
-    LockProbePipe pipe;
-};
-
 struct Link {
     const char* name;
     bool metered;
@@ -277,7 +278,7 @@ struct Link {
 
 // One turn each, from a fresh store: the links, the turn's figures and the
 // shares (in name order) it hands out. `reported`: -1 when not of interest.
-TEST_F(RatiosTest, SharesOfOneTurn) {
+TEST_F(StatsTest, SharesOfOneTurn) {
     const auto kMetered = RATIO_CALC_WITH_METERED, kUnmetered = RATIO_CALC_UNMETERED_ONLY;
     const std::vector<Link> two = {{"wlan0", false, 3000}, {"rmnet0", true, 1000}};
     const std::vector<Link> three = {{"wlan0", false, 500}, {"wlan1", false, 0}, {"wlan2", true, 300}};
@@ -327,7 +328,7 @@ TEST_F(RatiosTest, SharesOfOneTurn) {
     EXPECT_EQ(log.count("calcVekRatios unexpected behavior in calc ratio"), 3u);
 }
 
-TEST_F(RatiosTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
+TEST_F(StatsTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
     params->m_minRatioChange = 25;  // 0.25 and every share below are exact in binary
     auto turn = [&](unsigned a, unsigned b) {
         link("a", false, a);
@@ -341,35 +342,7 @@ TEST_F(RatiosTest, SplitIsReportedOnlyWhenHalfTheChangeExceedsTheMinimum) {
     EXPECT_TRUE(log.contains("VEK_RATIO a, 1, 0.250000"));
 }
 
-// Evaluation turns over statistics files mapped from disk.
-class EvalTurnTest : public RatiosTest {
-  protected:
-    // Configures `name` and publishes `count` samples of `bytes` every 8 ms.
-    void publish(const std::string& name, bool metered, uint32_t bytes, uint32_t count = 20) {
-        if (params->m_interfaceMap.count(name) == 0) addInterface(name, metered);
-        std::string error;
-        auto& file = files[name];
-        if (!file) file = stats::StatsFile::open(statsPath(name), &error);
-        ASSERT_TRUE(file) << error;
-        file->clear();
-        fillSteady(*file, count, 8, bytes);
-    }
-    // The ratio rules run, as "probability -j chain" each (their full text is
-    // the rule tests' business), after the flush; then forgotten.
-    std::vector<std::string> ratioRules() {
-        std::vector<std::string> out;
-        for (const std::string& c : pipe.commands()) {
-            if (c == kFlush) out.push_back("flush");
-            if (c.rfind(kRule, 0) == 0) out.push_back(c.substr(strlen(kRule)));
-        }
-        pipe.clear();
-        return out;
-    }
-    using Rules = std::vector<std::string>;
-    std::map<std::string, std::unique_ptr<stats::StatsFile>> files;
-};
-
-TEST_F(EvalTurnTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
+TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     params->m_bestEstCacheSize = 3;
     publish("wlan0", false, 1024);   // 1000 kbit/s, below wifi_threshold 1600
     publish("rmnet0", true, 2048);   // 2000 kbit/s
@@ -407,7 +380,7 @@ TEST_F(EvalTurnTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     EXPECT_EQ(std::count(pipe.lockHeld.begin(), pipe.lockHeld.end(), false), 0);
 }
 
-TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
+TEST_F(StatsTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
     params->m_bestEstCacheSize = 3;
     publish("wlan0", false, 1024);
     publish("wlan1", false, 1024, 4);   // 3 samples counted, fewer than estimate_pack_num 5
@@ -429,8 +402,6 @@ TEST_F(EvalTurnTest, EstimatesAreGatedAndQuietLinksKeepTheirRecentBest) {
     EXPECT_EQ(lreAndCount("wlan0"), std::make_pair(1000u, 0u));
 }
 
-using ChannelTest = StatsTest;
-
 bool mapped(const std::string& path) {
     std::stringstream maps;
     maps << std::ifstream("/proc/self/maps").rdbuf();
@@ -438,7 +409,7 @@ bool mapped(const std::string& path) {
 }
 
 // Commands go only to a reader, whole up to 511 bytes, not at all beyond.
-TEST_F(ChannelTest, EnableSendsTheCommandsAndMapsEveryLinkDisableAndFinalizeUnmap) {
+TEST_F(StatsTest, EnableSendsTheCommandsAndMapsEveryLinkDisableAndFinalizeUnmap) {
     const std::string fifo = root.at("/proc/vek/config");
     EXPECT_EQ(stats()->writeStatsConfFile("enable=1"), -1);
     EXPECT_TRUE(log.contains("open stats config file failed:No such file or directory"));
@@ -481,7 +452,7 @@ TEST_F(ChannelTest, EnableSendsTheCommandsAndMapsEveryLinkDisableAndFinalizeUnma
 
 // Three tries half a second apart; a file that cannot be opened or extended
 // leaves its link without statistics, the other links are usable.
-TEST_F(ChannelTest, UnmappableStatsFileIsTriedThreeTimes) {
+TEST_F(StatsTest, UnmappableStatsFileIsTriedThreeTimes) {
     addInterface("wlan0", false);
     addInterface("rmnet0", true);
     mkdir(statsPath("wlan0").c_str(), 0755);
