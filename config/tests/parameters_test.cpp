@@ -24,6 +24,7 @@ TEST_F(Store, DefaultsWithoutConfigurationFile) {
               "interface_0= interface_1= interface_2= interface_3= num_interfaces=2 rtt_entry_threshold=30 "
               "rtt_exit_threshold=120 vek_uid_list= vek_max_usage_on_interface=100 threshold_to_start_reset=100 "
               "max_size_to_calculate_lre=102400 route_dns_queries=0 use_dns_for_rtt_calc=0 ");
+    EXPECT_EQ(p->m_runState.load(), kRunStateReady);
     EXPECT_EQ(p->get(OPER_VEK_ENABLED), 0);
     EXPECT_EQ(p->get(static_cast<OperId>(14)), 1);
     EXPECT_EQ(p->get(static_cast<OperId>(22)), 0);
@@ -42,8 +43,7 @@ TEST_F(Store, EnablingPropertyIsReadAtCreationAndOnRequestIntoSlotZero) {
     EXPECT_EQ(p->get(OPER_VEK_ENABLED), 2);  // the debug property is not stored
 }
 
-// The value is everything after the first "="; later lines win.
-TEST_F(Store, CommentTakesTheCharacterBeforeItAndOnlyBlankAndTabAreTrimmed) {
+TEST_F(Store, CommentTakesTheCharacterBeforeItValueAllAfterTheFirstEqualsLaterLinesWin) {
     gDebugLogEnabled = 1;  // a comment line handed on would show as an unknown key
     Parameters* p = load(" \tmini_est_interval = 2000 \t\nmini_stale_interval=2000#x\nideal_est_window=700 # note\n"
                          "   # only a comment\n# wifi_threshold=1\nno equals sign here\nprotocols=tcp,udp,quic\r\n"
