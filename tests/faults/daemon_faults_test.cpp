@@ -14,40 +14,32 @@ constexpr const char* kTurn = "CALC2 ++";  // one evaluation turn, in the verbos
 TEST(DaemonFault, BrokenPlatformIsReportedAndSurvived) {
     const struct {
         const char* what;
-        // Shell commands in the root, before the start and while the daemon evaluates every 20 ms.
-        const char* before;
-        const char* meanwhile;
+        const char* breakIt;  // shell commands in the root, before the start
         // What the daemon must say about it, and how often at least.
         std::vector<std::pair<std::string, size_t>> said;
     } cases[] = {
-        {"wrappers missing", "rm system/bin/*-wrapper-1.0", "",
+        {"wrappers missing", "rm system/bin/*-wrapper-1.0",
          {{"iptables-wrapper-1.0: not found", 1},
           {"E VekParameters: execl failed (No such file or directory)", 1},
           {"Interface wlan0 has no route, do not add into map", 1}}},
         {"wrappers failing", "for w in system/bin/*; do printf '#!/bin/sh\\necho \"refused: $*\">&2\\nexit 3' >$w;done",
-         "",
          {{"refused: -w -t mangle -A OUTPUT -j kwop_NUV", 1},
           {"E VekParameters: Invalid interface, status=768", 1},
           {"Interface rmnet_data0 has no route, do not add into map", 1}}},
         // Each statistics file is tried three times, 500 ms apart.
-        {"no kernel module", "rm -r proc/vek", "",
+        {"no kernel module", "rm -r proc/vek",
          {{"E VekStatsImpl: open stats config file failed:No such file or directory", 1},
           {"E VekStatsImpl: open mmap file failed:No such file or directory", 6}}},
-        {"stats with a wrong magic", "printf 'xV4\\022' | tee proc/vek/wlan0_mmap >proc/vek/rmnet_data0_mmap", "",
+        {"stats with a wrong magic", "printf 'xV4\\022' | tee proc/vek/wlan0_mmap >proc/vek/rmnet_data0_mmap",
          {{"E VekStatsData: VEK stat colletct is not ready", 10}}},
-        {"properties flipping", "",
-         "p() { echo $2 >t; mv t dev/__properties__/vendor.vek.$1; }; "
-         "for i in $(seq 300); do p debug $((i % 3)); p enabled $((i % 2)); done; p debug 1; p enabled 1",
-         {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         vekd::test::Vekd d("mini_est_interval=20\n");
-        vekd::test::runShell("cd " + d.root.path() + " && " + c.before);
+        vekd::test::runShell("cd " + d.root.path() + " && " + c.breakIt);
         d.setProperty("vendor.vek.debug", "1");
         ASSERT_TRUE(d.start());
         ASSERT_TRUE(d.configureTwoLinks()) << d.log();
-        vekd::test::runShell("cd " + d.root.path() + " && " + c.meanwhile);
         for (const auto& [fragment, count] : c.said) {
             EXPECT_TRUE(d.process->waitForLog(fragment, 10s, count)) << d.log();
         }
@@ -57,7 +49,7 @@ TEST(DaemonFault, BrokenPlatformIsReportedAndSurvived) {
         for (int i = 0; i < 5; ++i) ASSERT_EQ(d.vekctl({"update-uid", std::to_string(10100 + i), "1"}), 0);
         EXPECT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
         EXPECT_TRUE(vekd::test::eventually([&] { return d.count("fd") <= fds; }, 5s)) << "descriptors leaked";
-        EXPECT_TRUE(d.alive()) << d.log();
+        EXPECT_TRUE(d.process->running()) << d.log();
         EXPECT_TRUE(d.answersPing()) << d.log();
     }
 }

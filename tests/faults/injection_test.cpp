@@ -3,18 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/NetNamespace.h"
 
 namespace {
 
-using vekd::test::kWlanParams;
-using vekd::test::kWwanParams;
-using vekd::test::Vekd;
 using namespace std::chrono_literals;
 
 // Arrives as an argument of its own if any whitespace split a text.
@@ -30,7 +25,7 @@ std::string withPayload(const std::string& params, size_t index, const std::stri
 
 TEST(Injection, ThroughVekctl) {
     VEKD_REQUIRE_PRIVATE_NETNS();  // enrolling a UID destroys its sockets: only our own
-    Vekd d("mini_est_interval=100\n");
+    vekd::test::Vekd d("mini_est_interval=100\n");
     ASSERT_TRUE(d.start());
     const std::string marker = d.root.at("/marker");
     std::string err;
@@ -44,7 +39,7 @@ TEST(Injection, ThroughVekctl) {
             std::string payload;
             for (char c : form) payload += c == ' ' ? std::string(1, blank) : c == 'M' ? marker : std::string(1, c);
             for (size_t index = 0; index < 8; ++index) {  // every field, four strings per iface-ready
-                for (const std::string params : {kWlanParams, kWwanParams}) {
+                for (const std::string params : {vekd::test::kWlanParams, vekd::test::kWwanParams}) {
                     const std::string text = withPayload(params, index, payload);
                     ASSERT_EQ(d.vekctl({"iface", std::to_string(slot), text}, &err), 0) << err;
                     slot = (slot + 1) % 4;

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <regex>
-#include <thread>
 
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/NetNamespace.h"
@@ -14,8 +13,6 @@ namespace {
 
 using vekd::test::binaryPath;
 using vekd::test::runProgram;
-using vekd::test::Vekd;
-using Lines = std::vector<std::string>;
 using namespace std::chrono_literals;
 
 const std::string kIpt = "<iptables-wrapper-1.0><-w><-t>";
@@ -24,14 +21,13 @@ constexpr size_t kSkeletonCalls = 26;  // the rule manager's start-up commands
 TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     VEKD_REQUIRE_PRIVATE_NETNS();  // update-uid destroys sockets: only our own
     // The link monitor probes loopback, which answers through either mark.
-    Vekd d("vek_uid_list=10123\nmini_est_interval=100\nping_period_ms=100\nrtt_server=127.0.0.1\n");
+    vekd::test::Vekd d("vek_uid_list=10123\nmini_est_interval=100\nping_period_ms=100\nrtt_server=127.0.0.1\n");
     ASSERT_TRUE(d.start());
     EXPECT_TRUE(d.process->waitForLog("I Vekd-v2: VEK-V2 5.0.0 starting daemon"));
     ASSERT_TRUE(vekd::test::eventually([&] { return d.calls().size() >= kSkeletonCalls; }, 10s));
     EXPECT_EQ(d.calls().front(), kIpt + "<mangle><-N><kwop_NUV>");
     EXPECT_EQ(d.calls()[kSkeletonCalls - 1], kIpt + "<nat><-A><POSTROUTING><-p><tcp><-j><kwop_nat_POSTROUTING_NUV>");
-    // The idle loop picks the debug property up at once: verbose lines follow.
-    ASSERT_EQ(d.vekctl({"setprop", "vendor.vek.debug", "1"}), 0);
+    ASSERT_EQ(d.vekctl({"setprop", "vendor.vek.debug", "1"}), 0);  // the idle loop takes it at once
     ASSERT_EQ(d.vekctl({"update-uid", "10123", "2"}), 0);
     EXPECT_TRUE(d.process->waitForLog("NUV destroying sockets = 10123", 5s)) << d.log();
     EXPECT_TRUE(d.process->waitForLog("I NUVIptables: old_mode=1, new_mode=2", 5s)) << d.log();
@@ -41,8 +37,9 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
         return vekd::test::eventually([&] { return d.controlCommands().back() == last; }, 10s);
     };
     ASSERT_TRUE(controlEnds("enable=1")) << d.log();
-    EXPECT_EQ(d.controlCommands(),
-              (Lines{"protocols=http,https", "ports=80,443", "iface=rmnet_data0", "iface=wlan0", "enable=1"}));
+    const std::vector<std::string> toModule = {"protocols=http,https", "ports=80,443", "iface=rmnet_data0",
+                                               "iface=wlan0", "enable=1"};
+    EXPECT_EQ(d.controlCommands(), toModule);
     EXPECT_TRUE(d.called("<ip-wrapper-1.0><route><show><table><rmnet_data0>"));
     ASSERT_EQ(d.vekctl({"remove-uid", "10123", "0"}), 0);
     EXPECT_TRUE(d.process->waitForLog("I NUVIptables: old_mode=1\n", 5s)) << d.log();
@@ -75,7 +72,7 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     EXPECT_EQ(d.process->logCount("E Vekd-v2: Nuv disabled, starting cleanup..."), 1u);
     EXPECT_TRUE(controlEnds("enable=0"));
     EXPECT_TRUE(d.called(kIpt + "<mangle><-D><OUTPUT><-j><kwop_NUV>"));
-    EXPECT_TRUE(d.alive()) << "the process idles after shutdown instead of exiting";
+    EXPECT_TRUE(d.process->running()) << "the process idles after shutdown instead of exiting";
 }
 
 TEST(DaemonProcess, ArgumentsAreAnsweredWithoutStarting) {

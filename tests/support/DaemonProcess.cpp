@@ -146,10 +146,6 @@ testing::AssertionResult Vekd::start() {
     return testing::AssertionFailure() << "vekd did not register its service:\n" << log();
 }
 
-int Vekd::vekctl(const std::vector<std::string>& args, std::string* err) const {
-    return runProgram(binaryPath("vekctl"), args, root.path(), nullptr, err);
-}
-
 bool Vekd::configureTwoLinks() const {
     return vekctl({"iface", "0", kWlanParams}) == 0 && vekctl({"iface", "1", kWwanParams}) == 0 &&
            vekctl({"iface-ready"}) == 0;

@@ -14,7 +14,6 @@
 
 namespace vekd::test {
 
-// build/bin/<name> of the tree these tests were built in.
 std::string binaryPath(const std::string& name);
 
 // Polls `condition` until it holds; false when `timeout` passed first.
@@ -50,7 +49,6 @@ class DaemonProcess {
 int runProgram(const std::string& program, const std::vector<std::string>& args,
                const std::string& root, std::string* out = nullptr, std::string* err = nullptr);
 
-// The interface strings of the two links most tests configure.
 inline constexpr const char* kWlanParams = "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1";
 inline constexpr const char* kWwanParams = "rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1";
 
@@ -64,8 +62,9 @@ class Vekd {
     // (Re)starts vekd with a fresh log; start() also waits for its service.
     void launch();
     testing::AssertionResult start();
-    bool alive() { return process->running(); }
-    int vekctl(const std::vector<std::string>& args, std::string* err = nullptr) const;
+    int vekctl(const std::vector<std::string>& args, std::string* err = nullptr) const {
+        return runProgram(binaryPath("vekctl"), args, root.path(), nullptr, err);
+    }
     bool answersPing() const { return vekctl({"ping"}) == 0; }
     bool configureTwoLinks() const;
     // Replaces a property file atomically, as a writer on a device would.

@@ -8,7 +8,6 @@
 #include <linux/sock_diag.h>
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <cstring>
 #include <deque>
 #include <functional>
