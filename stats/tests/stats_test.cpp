@@ -417,6 +417,9 @@ TEST_F(StatsTest, EnableSendsTheCommandsAndMapsEveryLinkDisableAndFinalizeUnmap)
     EXPECT_TRUE(stats()->initMmap());  // nothing configured, nothing mapped
     addInterface("wlan0", false);
     addInterface("rmnet0", true);
+    close(open(statsPath("wlan0").c_str(), O_CREAT | O_WRONLY, 0644));  // left empty by the publisher
+    struct stat before {};
+    ASSERT_EQ(stat(statsPath("wlan0").c_str(), &before), 0);
     const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
     params->m_protocols = std::string(501, 'p');  // "protocols=" + 501 = 511 bytes
     params->m_ports = std::string(506, '8');      // "ports=" + 506 = 512 bytes: one too many
@@ -434,6 +437,15 @@ TEST_F(StatsTest, EnableSendsTheCommandsAndMapsEveryLinkDisableAndFinalizeUnmap)
         EXPECT_EQ(stat(statsPath(name).c_str(), &st), 0);
         EXPECT_EQ(st.st_size, 20480);
     }
+    // Not ready until the publisher fills the very file the daemon mapped.
+    VekStatsData* data = stats()->m_linkStatsMap.at("wlan0")->statsData;
+    EXPECT_EQ(data->linkRateEstimate(nullptr, "wlan0"), 0u);
+    publish("wlan0", false, 1024);
+    EXPECT_EQ(data->linkRateEstimate(nullptr, "wlan0"), 1000u);
+    struct stat after {};
+    ASSERT_EQ(stat(statsPath("wlan0").c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    files.clear();  // the publisher's own mapping
 
     gDebugLogEnabled = 1;
     ASSERT_TRUE(stats()->enableVEK(false));
