@@ -57,7 +57,7 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
             return report.find("rule_rewrites 1") != std::string::npos;
         },
         5s));
-    for (const char* row : {"note: 1 unknown argument ignored: '--bogus'", "run_state 2",
+    for (const char* row : {"note: 1 unknown argument ignored: '--bogus'", "run_state 2", "sockets_destroyed 0\n",
                             "wlan0 wlan0 0x5A no yes 10 0 10.1.0.1", "dns: wlan0 server 10.1.0.1",
                             "transactions updateUidNuv=1 removeUidNuv=1 notifyWlanInetNuv=1 updateIfaceParamNuv=2 "
                             "notifyIfaceParamReadyNuv=1"}) {
