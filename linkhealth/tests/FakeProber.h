@@ -1,5 +1,4 @@
-// A prober against the fake clock: a link answers `rttMs` after each probe
-// (never when negative); waiting moves the clock on.
+// Each link answers `rttMs` after each probe (never when negative); waits move the fake clock.
 #pragma once
 
 #include <unistd.h>
@@ -16,28 +15,24 @@ class FakeProber : public linkhealth::LinkProber {
   public:
     explicit FakeProber(FakeClock& clock) : m_clock(clock), m_scope(*this) {}
     bool resolve(const std::string&, uint32_t* address) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        ++resolves;
         *address = 0x0100007f;
+        ++resolves;
         return resolvable;
     }
     bool open(size_t, const std::string&, uint32_t) override { return true; }
     bool send(size_t link, uint32_t, uint16_t sequence) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         ++sent[link];
-        const auto rtt = m_rttMs.find(link);
-        if (rtt != m_rttMs.end() && rtt->second >= 0) m_pending.emplace(m_clock.monotonicMs() + rtt->second, linkhealth::ProbeAnswer{link, sequence});
+        if (m_rttMs[link] >= 0) m_pending.emplace(m_clock.monotonicMs() + m_rttMs[link], linkhealth::ProbeAnswer{link, sequence});
         return true;
     }
-    // Up to the first pending answer, or the whole timeout.
     void wait(int timeoutMs, std::vector<linkhealth::ProbeAnswer>* answers) override {
         if (sleepInWaits) usleep(1000);  // threads: no spinning
         std::lock_guard<std::mutex> lock(m_mutex);
         const int64_t until = std::min(m_clock.monotonicMs() + timeoutMs, m_pending.empty() ? INT64_MAX : m_pending.begin()->first);
         m_clock.setNowMs(static_cast<uint64_t>(until));
-        while (!m_pending.empty() && m_pending.begin()->first == until) {
+        for (; !m_pending.empty() && m_pending.begin()->first == until; m_pending.erase(m_pending.begin())) {
             answers->push_back(m_pending.begin()->second);
-            m_pending.erase(m_pending.begin());
         }
     }
     void interrupt() override {}
@@ -47,7 +42,6 @@ class FakeProber : public linkhealth::LinkProber {
         m_rttMs[link] = ms;
     }
 
-    // Set before the monitor runs, or under the tests' own ordering.
     bool resolvable = true;
     bool sleepInWaits = false;
     int resolves = 0;
