@@ -1,8 +1,8 @@
 """The testbed's HTTP server and traffic generator, talking over loopback."""
 import json
 import os
+import pathlib
 import re
-import shutil
 import socket
 import subprocess
 import sys
@@ -15,27 +15,20 @@ import httpd  # noqa: E402
 
 
 class OverLoopback(unittest.TestCase):
-    """A real server on 127.0.0.1 (and its TLS port when openssl is there)."""
-
     @classmethod
-    def setUpClass(cls):
+    def setUpClass(cls):  # a real server on 127.0.0.1 and its TLS port
         cls.root = cls.enterClassContext(tempfile.TemporaryDirectory())
-        for name, data in (("big.bin", b"\0" * (4 << 20)), ("small.bin", b"x" * 12345)):
-            with open(os.path.join(cls.root, name), "wb") as f:
-                f.write(data)
+        pathlib.Path(cls.root, "big.bin").write_bytes(b"\0" * (4 << 20))
+        pathlib.Path(cls.root, "small.bin").write_bytes(b"x" * 12345)
         os.mkdir(os.path.join(cls.root, "sub"))
-        args = [sys.executable, os.path.join(HERE, "httpd.py"), "--root", cls.root, "--bind", "127.0.0.1",
-                "--port", "0"]
-        cls.tls = shutil.which("openssl") is not None
-        if cls.tls:
-            key, cert = os.path.join(cls.root, "key.pem"), os.path.join(cls.root, "cert.pem")
-            subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1",
-                            "-subj", "/CN=127.0.0.1", "-keyout", key, "-out", cert], check=True, capture_output=True)
-            args += ["--tls-port", "0", "--cert", cert, "--key", key]
-        cls.server = cls.enterClassContext(subprocess.Popen(args, stdout=subprocess.PIPE, text=True))
+        key, cert = os.path.join(cls.root, "key.pem"), os.path.join(cls.root, "cert.pem")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1",
+                        "-subj", "/CN=127.0.0.1", "-keyout", key, "-out", cert], check=True, capture_output=True)
+        cls.server = cls.enterClassContext(subprocess.Popen(
+            [sys.executable, os.path.join(HERE, "httpd.py"), "--root", cls.root, "--bind", "127.0.0.1", "--port", "0",
+             "--tls-port", "0", "--cert", cert, "--key", key], stdout=subprocess.PIPE, text=True))
         cls.addClassCleanup(cls.server.terminate)
-        ports = re.findall(r"port (\d+)|and (\d+)", cls.server.stdout.readline())
-        cls.port, cls.tls_port = int(ports[0][0]), (int(ports[1][1]) if cls.tls else None)
+        cls.port, cls.tls_port = map(int, re.search(r"port (\d+) and (\d+)", cls.server.stdout.readline()).groups())
 
     def get(self, target):
         with socket.create_connection(("127.0.0.1", self.port), 5) as s, s.makefile("rb") as f:
@@ -57,24 +50,17 @@ class OverLoopback(unittest.TestCase):
         self.assertEqual(("Content-Length" in head, len(body) < 4 << 20), (False, True))  # cut short, no length
 
     def test_generator_counts_connections_resets_and_failures(self):
-        closed = socket.socket()
+        closed = self.enterContext(socket.socket())
         closed.bind(("127.0.0.1", 0))
         whole = ["download", "--workers", "3", "--conn-time", "0.1"]
-        runs = [  # (arguments, what its first line and its final JSON line must hold)
-            (whole, lambda first, o: o["failed"] == 0 and o["connections"] >= 6 and o["completed"] == o["connected"]
-             and o["https"] == 0 and o["goodput_kbps"] > 0),
+        ran = lambda o: o["failed"] == 0 and o["connections"] >= 6 and o["goodput_kbps"] > 0  # noqa: E731
+        for args, holds in [  # (arguments, what its first line and its final JSON line must hold)
+            (whole, lambda first, o: ran(o) and o["completed"] == o["connected"] and o["https"] == 0),
+            (whole + ["--https", "100", "--tls-port", str(self.tls_port)], lambda first, o: ran(o) and o["completed"] == o["https"]),
             (["hold", "--duration", "0.3"], lambda first, o: first == "connected" and o["error"] == "TIMEOUT" and not o["reset"]),
             (["download", "--workers", "1", "--port", str(closed.getsockname()[1])], lambda f, o: o["failed"] and not o["connected"]),
-        ]
-        if self.tls:  # every download over the server's TLS port, each whole
-            runs.append((whole + ["--https", "100", "--tls-port", str(self.tls_port)],
-                         lambda first, o: o["failed"] == 0 and o["connections"] >= 6
-                         and o["completed"] == o["https"]))
-        for args, holds in runs:
+        ]:
             r = subprocess.run([sys.executable, os.path.join(HERE, "traffic.py"), "--server", "127.0.0.1",
-                                "--port", str(self.port), "--duration", "1"] + args,
-                               capture_output=True, text=True, timeout=30)
+                                "--port", str(self.port), "--duration", "1"] + args, capture_output=True, text=True, timeout=30)
             lines = r.stdout.splitlines()
             self.assertTrue(holds(lines[0], json.loads(lines[-1])), (args, r.stdout, r.stderr))
-        closed.close()
-
