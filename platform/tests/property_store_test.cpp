@@ -23,8 +23,6 @@ TEST(PropertyFiles, ValueIsTheFileUpToItsFirstNewlineAnd91BytesOrTheDefault) {
     root.writeFile("/dev/__properties__/long", std::string(200, 'x'));
     EXPECT_EQ(property_get("long", buf, nullptr), 91);
     EXPECT_EQ(buf, std::string(91, 'x'));
-    EXPECT_EQ(property_get("absent", buf, nullptr), 0);
-    EXPECT_STREQ(buf, "");
 }
 
 TEST(PropertyFiles, SetReplacesTheFileAndBadNamesOrValuesAreRefused) {
