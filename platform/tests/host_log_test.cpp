@@ -19,7 +19,6 @@ TEST(HostLog, ThreadtimeLinesWithAlignedIdsOneLinePerInnerNewline) {
               "11-02 07:05:09.000     1     2 E T: a\n"
               "11-02 07:05:09.000     1     2 E T: \n"
               "11-02 07:05:09.000     1     2 E T: b  \n");
-    EXPECT_EQ(format(0, 1, 2, ANDROID_LOG_DEBUG, "T", "\n"), "11-02 07:05:09.000     1     2 D T: \n");
 }
 
 }  // namespace
