@@ -24,7 +24,6 @@ class ParcelTest : public ::testing::Test {
     vekd::test::TempRoot m_root;
 };
 
-// The flat bytes of each kind of value, read back in turn.
 TEST_F(ParcelTest, FlatBytesOfEachKindOfValueReadBack) {
     Parcel p;
     p.writeInterfaceToken(String16("vekd"));
@@ -114,8 +113,7 @@ TEST_F(ParcelTest, InterfaceTokenIsCheckedConsumedAndCarriesTheWorkSource) {
     EXPECT_EQ(binder->findObject(&key), nullptr);
 }
 
-// Descriptors are read only where one was written: bytes that merely look
-// like a descriptor object are data. The parcel closes the ones it owns.
+// Bytes that merely look like a descriptor object are data.
 TEST_F(ParcelTest, DescriptorsAreReadOnlyFromTheirObjectsAndOwnedOnesAreClosed) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);

@@ -1,6 +1,5 @@
-// The socket transport: a published service called through the binder API
-// and by raw peers that misbehave; the client facing raw services that answer
-// badly; publishing.
+// The socket transport: a published service called through the binder API and
+// by raw peers that misbehave; the client facing raw services that answer badly.
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
@@ -32,8 +31,7 @@ namespace {
 const std::vector<uint8_t> kPingReply = {8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};  // status 0, answer 0
 enum : uint32_t { kEcho = 1, kGate = 2, kUnknown = 40 };
 
-// Echoes with its caller's pid and uid, or holds calls
-// at a gate to see how many run at once.
+// Echoes with its caller's pid and uid, or holds calls at a gate to count them.
 class TestService : public BBinder {
   public:
     const String16& getInterfaceDescriptor() const override { return m_descriptor; }
@@ -250,8 +248,7 @@ TEST_F(BinderTest, BadRepliesEndTheCallWithAStatus) {
     }
 }
 
-// Work queued before the first pool thread arrives is spread over new
-// threads, sixteen at once and no more, whatever the pool size.
+// Work queued before the first pool thread joins: sixteen at once, whatever the pool size.
 TEST_F(BinderTest, StaleSocketIsReplacedOtherFilesAreNotAndQueuedWorkRunsSixteenAtOnce) {
     vekd::binder::resetForTesting();  // a process without a pool
     const auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
