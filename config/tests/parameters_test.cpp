@@ -135,6 +135,7 @@ TEST_F(Store, InterfaceRecordsAreParsedOrRefusedWithTheirReason) {
         {std::string(200, 'n') + ", 1, wlan0,0x5A, 0,1,1,123.123.123.123.123.123", 0, std::string(127, 'n') + "|1| wlan0|0x5A|0|1|1|123.123.123.123", 1},
         {wlan, 1 << 8, "validateInterfaceParams Interface wlan0 has no route, do not add into map", 1},
         {wlan, 0x80, "wlan0|0|wlan0|0x5A|1|10|0|1.1.1.1", 1},  // only the core-dump bit
+        {"w,0,7,5,1,10,0,1", 0, "w|0|7|5|1|10|0|1", 1},  // one-character fields are not empty
         {"", 0, counts, 0}, {"wlan0", 0, counts, 0}, {"wlan0,0,wlan0,0x5A,1,10,0", 0, counts, 0},
         {"a,0,a,1,1,1,1,1,extra", 0, counts, 0}, {"a,0,a,1,1,1,1,1,,", 0, counts, 0}, {std::string(10000, ','), 0, counts, 0},
         {"wlan0;reboot,0,wlan0,0x5A,1,1,1,1.1.1.1", 0, shell, 1}, {"wlan0,0,t$(x),0x5A,1,1,1,1.1.1.1", 0, shell, 1},

@@ -41,6 +41,7 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
                                                "iface=wlan0", "enable=1"};
     EXPECT_EQ(d.controlCommands(), toModule);
     EXPECT_TRUE(d.called("<ip-wrapper-1.0><route><show><table><rmnet_data0>"));
+    EXPECT_EQ(d.process->logCount(vekd::test::kWwanParams + std::string(") = 0")), 1u) << d.log();  // the service's own answer
     ASSERT_EQ(d.vekctl({"remove-uid", "10123", "0"}), 0);
     EXPECT_TRUE(d.process->waitForLog("I NUVIptables: old_mode=1\n", 5s)) << d.log();
     ASSERT_EQ(d.vekctl({"wlan-inet", "1"}), 0);
