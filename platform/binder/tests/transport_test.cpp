@@ -120,6 +120,15 @@ TEST_F(BinderTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheService
     EXPECT_EQ(reply.readInt32(), 42);
     EXPECT_EQ(reply.readInt32(), getpid()) << "the caller, known by its peer credentials";
     EXPECT_EQ(reply.readInt32(), static_cast<int32_t>(getuid()));
+    int sockets = 0;  // listener, both ends of the connection; scanned while no connection closes
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(entry.path().filename());
+        struct stat st;
+        if (fd <= 2 || fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
+        ++sockets;
+        EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "socket fd " << fd;
+    }
+    EXPECT_GE(sockets, 3);
     Parcel big;  // a request up to a mebibyte is sent, one word more is refused before sending
     echoRequest(big, 1);
     const std::vector<uint8_t> payload(kMaxFrameBytes - 8 - big.dataSize(), 'x');  // fills the frame after code and flags
@@ -139,15 +148,6 @@ TEST_F(BinderTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheService
     EXPECT_EQ(defaultServiceManager()->checkService(tooLong), nullptr);
     EXPECT_NE(defaultServiceManager()->addService(tooLong, m_service), NO_ERROR);
 
-    int sockets = 0;  // listener, both ends of the connection
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        const int fd = std::stoi(entry.path().filename());
-        struct stat st;
-        if (fd <= 2 || fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
-        ++sockets;
-        EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "socket fd " << fd;
-    }
-    EXPECT_GE(sockets, 3);
 
     // A daemon may start with descriptor 0 closed; a socket that gets it is as good as any other.
     const int saved = dup(0);

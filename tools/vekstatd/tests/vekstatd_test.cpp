@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
+#include <iterator>
 
 #include "stats/StatsFileLayout.h"
 #include "stats/VekStatsImpl.h"
@@ -80,7 +82,7 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     EXPECT_EQ(vekd::test::runProgram(bin, {}, root.path()), 1);
     unlink(root.at("/proc").c_str());
 
-    root.writeFile("/proc/vek/wlan0_mmap", "");
+    root.writeFile("/proc/vek/wlan0_mmap", std::string(10000, '\x7f'));  // an earlier run's bytes, cut short
     const std::string path = root.at("/proc/vek/wlan0_mmap");
     struct stat before {}, after {};
     ASSERT_EQ(stat(path.c_str(), &before), 0);
@@ -96,6 +98,9 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     uint32_t magic = 0;
     std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&magic), sizeof(magic));
     EXPECT_EQ(magic, kVekStatsMagic);
+    std::ifstream whole(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(whole)), {});
+    EXPECT_LT(std::count(bytes.begin(), bytes.end(), '\x7f'), 100) << "the earlier run's bytes were left";
     EXPECT_EQ(publisher.stop(SIGTERM), 0) << "a clean exit";
     VekStatsImpl::resetForTesting();
 }
