@@ -1,8 +1,6 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "platform/PropertyStore.h"
 #include "tests/support/TempRoot.h"
 
@@ -29,8 +27,7 @@ TEST(PropertyFiles, SetReplacesTheFileAndBadNamesOrValuesAreRefused) {
     vekd::test::TempRoot root;
     for (const std::string& value : {std::string("2"), std::string(91, 'v')}) {
         ASSERT_EQ(property_set("vendor.vek.enabled", value.c_str()), 0);
-        std::ifstream in(root.at("/dev/__properties__/vendor.vek.enabled"));
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), value + "\n");
+        EXPECT_EQ(vekd::test::readFile(root.at("/dev/__properties__/vendor.vek.enabled")), value + "\n");
     }
     const std::pair<std::string, std::string> refused[] = {
         {"../escape", "1"}, {"..", "1"}, {"", "1"}, {"a/b", "1"}, {"a", std::string(92, 'v')}, {"a", "two\nlines"}};

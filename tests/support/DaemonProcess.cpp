@@ -32,11 +32,6 @@ pid_t spawn(const std::string& program, const std::vector<std::string>& args, co
     return pid;
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 std::vector<std::string> split(const std::string& text, char end) {
     std::vector<std::string> out;
     std::istringstream in(text);
@@ -68,7 +63,7 @@ DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::
 
 DaemonProcess::~DaemonProcess() { stop(SIGKILL); }
 
-std::string DaemonProcess::log() const { return slurp(m_logFile); }
+std::string DaemonProcess::log() const { return readFile(m_logFile); }
 
 size_t DaemonProcess::logCount(const std::string& fragment) const {
     const std::string text = log();
@@ -109,7 +104,7 @@ int runProgram(const std::string& program, const std::vector<std::string>& args,
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
     }
-    const auto text = [](FILE* f) { return slurp("/proc/self/fd/" + std::to_string(fileno(f))); };
+    const auto text = [](FILE* f) { return readFile("/proc/self/fd/" + std::to_string(fileno(f))); };
     if (out) *out = text(outFile);
     if (err) *err = (hung ? program + " got no answer within 30 s\n" : "") + text(errFile);
     fclose(outFile);
@@ -164,7 +159,7 @@ void Vekd::wrap(const std::string& wrapper, const std::string& then) const {
                    true);
 }
 
-std::vector<std::string> Vekd::calls() const { return split(slurp(root.at("/calls.log")), '\0'); }
+std::vector<std::string> Vekd::calls() const { return split(readFile(root.at("/calls.log")), '\0'); }
 
 bool Vekd::called(const std::string& fragment) const {
     const std::vector<std::string> all = calls();

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "platform/Root.h"
@@ -12,6 +13,11 @@
 namespace vekd::test {
 
 void makeDirs(const std::string& path) { std::filesystem::create_directories(path); }
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
 
 TempRoot::TempRoot() {
 #ifdef __ANDROID__

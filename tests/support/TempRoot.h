@@ -27,5 +27,7 @@ class TempRoot {
 
 // Creates every directory of `path` (like mkdir -p).
 void makeDirs(const std::string& path);
+// The whole content of the file at `path`; empty when it cannot be read.
+std::string readFile(const std::string& path);
 
 }  // namespace vekd::test

@@ -6,8 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
-#include <iterator>
+#include <cstring>
 
 #include "stats/StatsFileLayout.h"
 #include "stats/VekStatsImpl.h"
@@ -95,11 +94,11 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
 
     ASSERT_EQ(stat(path.c_str(), &after), 0);
     EXPECT_EQ(std::make_pair(after.st_ino, after.st_size), std::make_pair(before.st_ino, off_t{20480}));
+    const std::string bytes = vekd::test::readFile(path);
+    ASSERT_EQ(bytes.size(), 20480u);
     uint32_t magic = 0;
-    std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&magic), sizeof(magic));
+    memcpy(&magic, bytes.data(), sizeof(magic));
     EXPECT_EQ(magic, kVekStatsMagic);
-    std::ifstream whole(path, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(whole)), {});
     EXPECT_LT(std::count(bytes.begin(), bytes.end(), '\x7f'), 100) << "the earlier run's bytes were left";
     EXPECT_EQ(publisher.stop(SIGTERM), 0) << "a clean exit";
     VekStatsImpl::resetForTesting();
