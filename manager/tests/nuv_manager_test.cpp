@@ -9,6 +9,7 @@
 
 #include "linkhealth/LinkMonitor.h"
 #include "linkhealth/tests/FakeProber.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/InProcessDaemon.h"
 
 namespace {
@@ -196,11 +197,9 @@ TEST_F(Manager, ADeadLinkLosesItsShareAndTheDnsAtOnce) {
     m->notifyWlanHasInternet(false);
     m->adjustParameters();
     EXPECT_STREQ(m->dnsInterface()->name, "rmnet_data0");
-    // Five seconds, whatever a check costs: the binder thread's commands pile up.
+    // Five seconds by the clock, whatever a check costs: the binder thread's commands pile up.
     auto waitFor = [](const std::function<bool()>& condition) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return condition();
+        return vekd::test::eventually(condition, std::chrono::seconds(5), std::chrono::milliseconds(1));
     };
     pipe.clear();
     prober.setRtt(0, -1);  // rmnet_data0 (links in name order) stops answering

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 namespace vekd::test {
 namespace {
@@ -42,16 +41,6 @@ std::vector<std::string> split(const std::string& text, char end) {
 }  // namespace
 
 std::string binaryPath(const std::string& name) { return std::string(VEKD_BINARY_DIR) + "/" + name; }
-
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout,
-                std::chrono::milliseconds every) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(every);
-    }
-    return true;
-}
 
 DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::string>& args,
                              const std::string& root, const std::string& logFile)

@@ -5,20 +5,16 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "tests/support/Eventually.h"
 #include "tests/support/TempRoot.h"
 
 namespace vekd::test {
 
 std::string binaryPath(const std::string& name);
-
-// Polls `condition` until it holds; false when `timeout` passed first.
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout,
-                std::chrono::milliseconds every = std::chrono::milliseconds(10));
 
 class DaemonProcess {
   public:
