@@ -1,4 +1,5 @@
 #include "tests/support/DaemonProcess.h"
+#include "tests/support/NetNamespace.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -103,6 +104,12 @@ int runProgram(const std::string& program, const std::vector<std::string>& args,
 }
 
 Vekd::Vekd(const std::string& conf) {
+    // Every UID the daemon enrols loses its sockets: as root, the daemon runs
+    // in a network namespace of the test's own; without root it can destroy none.
+    if (std::string why; geteuid() == 0 && !enterPrivateNetworkNamespace(&why)) {
+        fprintf(stderr, "refusing to start vekd in the machine's own network namespace: %s\n", why.c_str());
+        abort();
+    }
     wrap("iptables-wrapper-1.0", "");
     wrap("ip-wrapper-1.0", "");
     root.writeFile("/data/vendor/vek/vekd.conf", conf);
