@@ -103,6 +103,8 @@ int killSocketsForUID(const char* uid) {
     }
 
     int ret = sd.destroySockets(IPPROTO_TCP, static_cast<uint32_t>(numericUid), false);
+    // Each pass starts its own count.
+    vekd::report::countSocketsDestroyed(static_cast<uint64_t>(sd.socketsDestroyed()));
     if (ret < 0) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, " VEK_GAMING Error destroying TCP sockets: %s",
                             strerror(-ret));

@@ -6,6 +6,7 @@
 
 #include <regex>
 
+#include "sockdiag/tests/LoopbackSockets.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/NetNamespace.h"
 
@@ -28,8 +29,15 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     EXPECT_EQ(d.calls().front(), kIpt + "<mangle><-N><kwop_NUV>");
     EXPECT_EQ(d.calls()[kSkeletonCalls - 1], kIpt + "<nat><-A><POSTROUTING><-p><tcp><-j><kwop_nat_POSTROUTING_NUV>");
     ASSERT_EQ(d.vekctl({"setprop", "vendor.vek.debug", "1"}), 0);  // the idle loop takes it at once
+    // Enrolling a UID destroys its connections and no other UID's.
+    vekd::test::Fds fds;
+    const uint16_t port = vekd::test::localPort(fds.add(vekd::test::tcpListener(AF_INET)));
+    const int app = fds.add(vekd::test::tcpConnect(AF_INET, port, 10123));
+    const int other = fds.add(vekd::test::tcpConnect(AF_INET, port, 10124));
     ASSERT_EQ(d.vekctl({"update-uid", "10123", "2"}), 0);
-    EXPECT_TRUE(d.process->waitForLog("NUV destroying sockets = 10123", 5s)) << d.log();
+    EXPECT_TRUE(d.process->waitForLog("E VEKD_SockDiag:  VEK_GAMING destroying TCP sockets: 10123\n", 5s)) << d.log();
+    EXPECT_EQ(vekd::test::tcpState(app), TCP_CLOSE);
+    EXPECT_EQ(vekd::test::tcpState(other), TCP_ESTABLISHED);
     EXPECT_TRUE(d.process->waitForLog("I NUVIptables: old_mode=1, new_mode=2", 5s)) << d.log();
 
     ASSERT_TRUE(d.configureTwoLinks()) << d.log();
@@ -58,7 +66,7 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
             return report.find("rule_rewrites 1") != std::string::npos;
         },
         5s));
-    for (const char* row : {"note: 1 unknown argument ignored: '--bogus'", "run_state 2", "sockets_destroyed 0\n",
+    for (const char* row : {"note: 1 unknown argument ignored: '--bogus'", "run_state 2", "sockets_destroyed 1\n",
                             "wlan0 wlan0 0x5A no yes 10 0 10.1.0.1", "dns: wlan0 server 10.1.0.1",
                             "transactions updateUidNuv=1 removeUidNuv=1 notifyWlanInetNuv=1 updateIfaceParamNuv=2 "
                             "notifyIfaceParamReadyNuv=1"}) {
