@@ -68,12 +68,21 @@ TEST(Stub, EveryCodeIsDispatchedLoggedAndAnsweredWithOneZero) {
 }
 
 
-// A dump's report, or "status N"; `closeReader` drops the pipe's read end before the call.
+enum class Reader { Reads, Gone, Stuck };
+
+// A dump's report, or "status N". A reader that is gone closed the pipe's read
+// end before the call; a stuck one filled the pipe and reads nothing.
 std::string takeDump(const sp<android::IBinder>& vekd, const std::function<void(Parcel&)>& parcel,
-                     bool closeReader = false) {
+                     Reader reader = Reader::Reads) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return "no pipe";
-    if (closeReader) close(fds[0]);
+    const std::string page(4096, 'x');
+    fcntl(fds[1], F_SETFL, O_NONBLOCK);
+    while (reader == Reader::Stuck && write(fds[1], page.data(), page.size()) > 0) {
+    }
+    fcntl(fds[1], F_SETFL, 0);
+    const bool closeReader = reader != Reader::Reads;
+    if (reader == Reader::Gone) close(fds[0]);
     Parcel data, reply;
     data.writeFileDescriptor(fds[1]);
     parcel(data);
@@ -82,7 +91,7 @@ std::string takeDump(const sp<android::IBinder>& vekd, const std::function<void(
     std::string text;
     char buf[4096];
     for (ssize_t n; !closeReader && (n = read(fds[0], buf, sizeof(buf))) > 0;) text.append(buf, static_cast<size_t>(n));
-    if (!closeReader) close(fds[0]);
+    if (reader != Reader::Gone) close(fds[0]);
     return status == android::NO_ERROR ? text : "status " + std::to_string(status);
 }
 
@@ -144,21 +153,23 @@ TEST(VekdService, EightClientsAtOnceAreAnsweredWhileTheLoopEvaluatesAndAnyDumpIs
     const std::u16string lone = {0xd800, u'x', 0xdfff};
     const struct {
         std::function<void(Parcel&)> parcel;  // what follows the descriptor
-        bool closeReader;
+        Reader reader;
         std::string expected;  // how the answer starts
     } cases[] = {
-        {[](Parcel& p) { p.writeInt32(INT32_MAX); }, false, "vekd report\n"},  // huge count, no arguments
-        {[](Parcel& p) { p.writeInt32(-5); }, false, "vekd report\n"},
-        {[&](Parcel& p) { p.writeInt32(1), p.writeString16(lone.data(), lone.size()); }, false, "note: 1 unknown argument ignored: '"},
-        {[&](Parcel& p) { p.writeInt32(1), p.writeString16(String16(std::string(450 * 1024, 'a').c_str())); }, false, "note: 1 unknown argument ignored: '" + std::string(32, 'a') + "...'"},
-        {[](Parcel& p) { p.writeInt32(2), p.writeInt32(1 << 30); }, false, "vekd report\n"},  // damaged argument
-        {noArgs, true, "status " + std::to_string(android::FAILED_TRANSACTION)},              // reader gone
+        {[](Parcel& p) { p.writeInt32(INT32_MAX); }, Reader::Reads, "vekd report\n"},  // huge count, no arguments
+        {[](Parcel& p) { p.writeInt32(-5); }, Reader::Reads, "vekd report\n"},
+        {[&](Parcel& p) { p.writeInt32(1), p.writeString16(lone.data(), lone.size()); }, Reader::Reads, "note: 1 unknown argument ignored: '"},
+        {[&](Parcel& p) { p.writeInt32(1), p.writeString16(String16(std::string(450 * 1024, 'a').c_str())); }, Reader::Reads, "note: 1 unknown argument ignored: '" + std::string(32, 'a') + "...'"},
+        {[](Parcel& p) { p.writeInt32(2), p.writeInt32(1 << 30); }, Reader::Reads, "vekd report\n"},  // damaged argument
+        {noArgs, Reader::Gone, "status " + std::to_string(android::FAILED_TRANSACTION)},
+        {noArgs, Reader::Stuck, "status " + std::to_string(android::TIMED_OUT)},  // given up after 5 s
     };
-    for (const auto& c : cases) EXPECT_EQ(takeDump(lookUp(), c.parcel, c.closeReader).rfind(c.expected, 0), 0u) << c.expected;
+    for (const auto& c : cases) EXPECT_EQ(takeDump(lookUp(), c.parcel, c.reader).rfind(c.expected, 0), 0u) << c.expected;
     Parcel data, reply;  // no descriptor where one belongs
     data.writeInt32(0);
     EXPECT_EQ(lookUp()->transact(android::IBinder::DUMP_TRANSACTION, data, &reply), android::BAD_TYPE);
     EXPECT_EQ(lookUp()->pingBinder(), android::NO_ERROR);
+    EXPECT_EQ(String8(lookUp()->getInterfaceDescriptor()), String8(IVekd::descriptor));
 
     vekd::binder::resetForTesting();
 }

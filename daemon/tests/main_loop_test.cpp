@@ -44,10 +44,13 @@ TEST_F(MainLoopTurn, OnlyStateTwoSleepsThePeriodFormedIn32Bits) {
     EXPECT_EQ(d.waiter.waits(), 1);
 }
 
-TEST_F(MainLoopTurn, EnabledTwoEndsTheLoopAndShutdownCleansUpOnlyWithAHandle) {
-    d.props.set("vendor.vek.enabled", "2");
+TEST_F(MainLoopTurn, OnlyEnabledTwoEndsTheLoopAndShutdownCleansUpOnlyWithAHandle) {
     params->m_runState.store(0);
-    EXPECT_FALSE(loop.turn());
+    for (const char* enabled : {"0", "1", "0", "3", "2"}) {
+        d.props.set("vendor.vek.enabled", enabled);
+        EXPECT_EQ(loop.turn(), enabled != std::string("2")) << enabled;
+        EXPECT_EQ(params->get(OPER_VEK_ENABLED), atoi(enabled));
+    }
     loop.shutdown();
     EXPECT_TRUE(d.pipe.commands().empty());  // never saw state 1: nothing to clean
     EXPECT_EQ(d.log.linesOf("Vekd-v2"),
