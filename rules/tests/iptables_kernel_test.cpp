@@ -43,6 +43,8 @@ TEST_F(RulesKernel, EveryRuleReadsBackOnceAndTeardownRemovesIt) {
              "25000:\tfrom all fwmark 0x64 lookup 100",
              "-A kwop_nat_POSTROUTING_NUV -o vekw0 -j MASQUERADE",
              "-A kwop_NUV -m owner --uid-owner 10124 -j kwop_NUV2",
+             "-A kwop_DNS -p udp -m multiport --dports 53 -j kwop_fw_vekw0",
+             "-A kwop_NUV_nat -m owner --uid-owner 10124 -j kwop_DNS_nat",
              "-A kwop_DNS_nat -d 192.0.2.1/32 -p udp -m udp --dport 53 -j DNAT --to-destination 192.0.2.53",
              // Only the second rewrite's rule, with the probability as the kernel prints it.
              "-A kwop_VEK -p tcp -m multiport --dports 80,443 -m state --state NEW -m statistic --mode random --probability 0.70000000019 -j kwop_fw_vekw0",
