@@ -50,6 +50,17 @@ check "rate estimates within 20 % of the shaped rates" \
   "$TB_PY" "$TB_DIR/tbreport.py" check-rates --summary "$out/summary.json" --tolerance 20
 
 # --- a black-holed WWAN loses its share and gets it back ----------------------
+# With the WLAN reported without internet the enrolled UID's DNS goes to the
+# WWAN; while the WWAN is dead it goes to the WLAN, then back.
+dns_to() {  # dns_to UID ADDRESS: UID's query to the configured resolver is answered by ADDRESS
+  local got
+  got=$(tb_dns_ask "$1")
+  [ "$got" = "$2" ] || { echo "  UID $1: answered by $got, not $2"; return 1; }
+}
+wlan=${TB_NET[wlan0]}.1 wwan=${TB_NET[rmnet_data0]}.1
+tb_vekctl wlan-inet 0 >/dev/null
+check "DNS: the WLAN without internet moves the enrolled UID's queries to the WWAN's server, not the other UID's" \
+  eval 'dns_to $TB_UID_APP $wwan && dns_to $TB_UID_OTHER $wlan'
 # 24 s of traffic: the WWAN dies after 8 s and comes back after 16.
 grep '"shape"' "$TB_TIMELINE" >"$TB_WORK/link-dies.jsonl"  # the shaped rates hold on
 TB_TIMELINE=$TB_WORK/link-dies.jsonl
@@ -58,8 +69,12 @@ tb_traffic app "$TB_UID_APP" 24 --workers 16 --conn-time 0.3
 sleep 8
 tb_blackhole on
 sleep 8
+check "DNS: the WWAN dead, the enrolled UID's queries go to the WLAN's server" dns_to "$TB_UID_APP" "$wlan"
 tb_blackhole off
 wait "$TB_PID_app"
+check "DNS: the WWAN back, its server again" dns_to "$TB_UID_APP" "$wwan"
+tb_vekctl wlan-inet 1 >/dev/null
+check "DNS: the WLAN with internet again, its server again" dns_to "$TB_UID_APP" "$wlan"
 report "$out/link-dies" e2e-link-dies | grep -A3 black-holed
 check "a dead WWAN: share 0 within 3 s, at most 5 % of new connections into it, carrying again within 10 s of its return" \
   "$TB_PY" "$TB_DIR/tbreport.py" check-failover --summary "$out/link-dies/summary.json" \

@@ -164,6 +164,11 @@ tb_server_up() {
     tls=(--cert "$TB_WORK/cert.pem" --key "$TB_WORK/key.pem")
   fi
   tb_bg httpd tb_s "$TB_PY" "$TB_DIR/httpd.py" --root "$www" "${tls[@]}"
+  # Each link's DNS server (the address its interface record names).
+  local link
+  for link in "${TB_LINKS[@]}"; do
+    tb_bg "dns-$link" tb_s "$TB_PY" "$TB_DIR/dns.py" serve "${TB_NET[$link]}.1" "${TB_PEER[$link]}"
+  done
   local i
   for i in $(seq 50); do
     tb_c bash -c "exec 3<>/dev/tcp/$TB_SERVER_IP/80" 2>/dev/null && return 0
@@ -289,6 +294,10 @@ tb_monitor_up() {
   TB_PIDS+=($!)
   TB_PID_monitor=$!
 }
+
+# tb_dns_ask UID: the address that answers UID's query to the resolver the
+# handset is configured with (the WLAN's, the default network's), or "none".
+tb_dns_ask() { tb_c "$TB_PY" "$TB_DIR/dns.py" ask "${TB_NET[wlan0]}.1" "$1"; }
 
 tb_traffic() {  # NAME UID SECONDS [more traffic.py options]
   local name=$1 uid=$2 secs=$3; shift 3
