@@ -9,6 +9,7 @@ table and an SVG picture.
   report   summary table (text and JSON) and picture from a timeline
   check    asserts the end-to-end expectations on a summary
   check-rates, check-failover  the same for the estimates and a link's death
+  spread   the figures the end-to-end checks bound, per run and their worst
 
 Rates are kbit/s with 1 kbit = 1024 bit, the unit of the daemon's estimates.
 """
@@ -850,6 +851,42 @@ def cmd_check(args):
     return 1 if fails else 0
 
 
+def spread_row(main, dies):
+    """The figures the end-to-end bounds limit, from one run's two summaries."""
+    seg = main["segments"][-1] if main["segments"] else {"links": {}, "app_connections": 0}
+    links = seg["links"].values()
+    apart = [100.0 * abs(r["carried_share"] - r["computed_share"]) for r in links
+             if r["carried_share"] is not None and r["computed_share"] is not None]
+    egress = [100.0 * abs(r["egress_share"] - r["carried_share"]) for r in links
+              if r.get("egress_share") is not None and r["carried_share"] is not None]
+    rates = [abs(r["error_pct"]) for r in links if r["error_pct"] is not None]
+    f = dies.get("failover") or {}
+    return {"connections": seg["app_connections"], "share_points": max(apart, default=None),
+            "egress_points": max(egress, default=None), "rate_error_pct": max(rates, default=None),
+            "failover_s": f.get("failover_s"), "dead_share": f.get("dead_share"),
+            "carries_again_s": f.get("carries_again_s")}
+
+
+def cmd_spread(args):
+    rows = []
+    for d in args.runs:
+        try:
+            with open(d + "/summary.json") as a, open(d + "/link-dies/summary.json") as b:
+                rows.append((d, spread_row(json.load(a), json.load(b))))
+        except (OSError, ValueError, KeyError) as e:
+            print("%s: no summary (%s)" % (d, e))
+    keys = ["connections", "share_points", "egress_points", "rate_error_pct",
+            "failover_s", "dead_share", "carries_again_s"]
+    print("run " + " ".join(keys))
+    for d, r in rows:
+        print(d.rsplit("/", 1)[-1] + " " + " ".join(_fmt(r[k], ".3g") for k in keys))
+    # The worst is the least connections and the largest of everything else.
+    worst = {k: (min if k == "connections" else max)(
+        [r[k] for _, r in rows if r[k] is not None], default=None) for k in keys}
+    print("worst " + " ".join(_fmt(worst[k], ".3g") for k in keys))
+    return 0
+
+
 def main(argv):
     p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     sub = p.add_subparsers(dest="cmd", required=True)
@@ -884,8 +921,10 @@ def main(argv):
     c.add_argument("--max-failover", type=float, default=3.0, help="seconds")
     c.add_argument("--max-dead-share", type=float, default=0.05)
     c.add_argument("--max-recovery", type=float, default=10.0, help="seconds")
+    c = sub.add_parser("spread", help="the bounded figures of several e2e runs, and the worst")
+    c.add_argument("runs", nargs="+", help="e2e output directories")
     args = p.parse_args(argv)
-    return {"monitor": cmd_monitor, "counters": cmd_counters, "report": cmd_report,
+    return {"spread": cmd_spread, "monitor": cmd_monitor, "counters": cmd_counters, "report": cmd_report,
             "check": cmd_check, "check-rates": cmd_check,
             "check-failover": cmd_check}[args.cmd](args)
 
