@@ -159,7 +159,8 @@ TEST(VekdService, EightClientsAtOnceAreAnsweredWhileTheLoopEvaluatesAndAnyDumpIs
         {[](Parcel& p) { p.writeInt32(INT32_MAX); }, Reader::Reads, "vekd report\n"},  // huge count, no arguments
         {[](Parcel& p) { p.writeInt32(-5); }, Reader::Reads, "vekd report\n"},
         {[&](Parcel& p) { p.writeInt32(1), p.writeString16(lone.data(), lone.size()); }, Reader::Reads, "note: 1 unknown argument ignored: '"},
-        {[&](Parcel& p) { p.writeInt32(1), p.writeString16(String16(std::string(450 * 1024, 'a').c_str())); }, Reader::Reads, "note: 1 unknown argument ignored: '" + std::string(32, 'a') + "...'"},
+        {[&](Parcel& p) { p.writeInt32(1), p.writeString16(String16(("b" + std::string(450 * 1024, 'a')).c_str())); }, Reader::Reads, "note: 1 unknown argument ignored: 'b" + std::string(31, 'a') + "...'"},
+        {[](Parcel& p) { p.writeInt32(1), p.writeString16(String16("x")), p.writeString16(String16("--help")); }, Reader::Reads, "note: 1 unknown argument ignored: 'x'"},  // only the count is read
         {[](Parcel& p) { p.writeInt32(2), p.writeInt32(1 << 30); }, Reader::Reads, "vekd report\n"},  // damaged argument
         {noArgs, Reader::Gone, "status " + std::to_string(android::FAILED_TRANSACTION)},
         {noArgs, Reader::Stuck, "status " + std::to_string(android::TIMED_OUT)},  // given up after 5 s

@@ -24,18 +24,23 @@
 #include "tests/support/TempRoot.h"
 
 using namespace android;
-using vekd::binder::wire::kMaxFrameBytes;
+constexpr size_t kMiB = 1 << 20;  // the longest frame after its length word
 
 namespace {
 
 const std::vector<uint8_t> kPingReply = {8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};  // status 0, answer 0
-enum : uint32_t { kEcho = 1, kGate = 2, kUnknown = 40 };
+enum : uint32_t { kEcho = 1, kGate = 2, kBig = 3, kUnknown = 40 };
 
-// Echoes with its caller's pid and uid, or holds calls at a gate to count them.
+// Echoes with its caller's pid and uid, answers with as many bytes as asked,
+// or holds calls at a gate to count them.
 class TestService : public BBinder {
   public:
     const String16& getInterfaceDescriptor() const override { return m_descriptor; }
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code == kBig) {
+            const std::vector<uint8_t> bytes(static_cast<size_t>(data.readInt32()), 'r');
+            return reply->write(bytes.data(), bytes.size());
+        }
         if (code == kEcho) {
             if (!data.checkInterface(this)) return PERMISSION_DENIED;
             reply->writeInt32(data.readInt32() + 1);
@@ -131,12 +136,35 @@ TEST_F(BinderTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheService
     EXPECT_GE(sockets, 3);
     Parcel big;  // a request up to a mebibyte is sent, one word more is refused before sending
     echoRequest(big, 1);
-    const std::vector<uint8_t> payload(kMaxFrameBytes - 8 - big.dataSize(), 'x');  // fills the frame after code and flags
+    const std::vector<uint8_t> payload(kMiB - 8 - big.dataSize(), 'x');  // fills the frame after code and flags
     big.write(payload.data(), payload.size());
     ASSERT_EQ(m_binder->transact(kEcho, big, &reply), NO_ERROR);
     EXPECT_EQ(reply.readInt32(), 2);
     big.writeInt32(0);
     EXPECT_EQ(m_binder->transact(kEcho, big, &reply), FAILED_TRANSACTION);
+    // A reply up to a mebibyte after its status arrives; a longer one, or one
+    // to a peer that stops reading for the stall time, closes the connection.
+    for (const auto& [size, status] : {std::make_pair(kMiB - 4, NO_ERROR), std::make_pair(kMiB, DEAD_OBJECT)}) {
+        Parcel ask;
+        ask.writeInt32(static_cast<int32_t>(size));
+        EXPECT_EQ(m_binder->transact(kBig, ask, &reply), status) << size;
+        EXPECT_TRUE(status != NO_ERROR || reply.dataSize() == size);
+    }
+    vekd::binder::setStallTimeoutForTesting(200);
+    RawSocket stuck(vekd::binder::socketPath("echo"), false);
+    Parcel ask;
+    ask.writeInt32(static_cast<int32_t>(kMiB - 4));
+    const std::vector<uint8_t> askFrame = frame(kBig, 0, ask);
+    ASSERT_EQ(send(stuck.fd, askFrame.data(), askFrame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(askFrame.size()));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    size_t got = 0;
+    uint8_t chunk[65536];
+    for (ssize_t n; (n = recv(stuck.fd, chunk, sizeof(chunk), 0)) > 0;) got += static_cast<size_t>(n);
+    EXPECT_LT(got, kMiB) << "the reply was given up, and its connection closed";
+    // A local call starts reading its data from the beginning, and so does its caller the reply.
+    Parcel local;
+    ASSERT_EQ(m_service->transact(kEcho, echoRequest(local, 6), &reply), NO_ERROR);
+    EXPECT_EQ(reply.readInt32(), 7);
 
     vekd::test::LogCapture log;
     vekd::test::FakeClock clock;

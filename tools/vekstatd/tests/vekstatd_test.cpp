@@ -76,7 +76,9 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     std::string out;
     EXPECT_EQ(vekd::test::runProgram(bin, {"--help"}, root.path(), &out), 0);
     EXPECT_EQ(out.rfind("usage: vekstatd [--tick-ms N]\n", 0), 0u) << out;
-    for (const char* bad : {"0", "21", "5x"}) EXPECT_EQ(vekd::test::runProgram(bin, {"--tick-ms", bad}, root.path()), 2);
+    for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{{"--tick-ms", "0"}, {"--tick-ms", "21"}, {"--tick-ms", "5x"}, {"--bogus"}}) {
+        EXPECT_EQ(vekd::test::runProgram(bin, bad, root.path()), 2) << bad.back();
+    }
     root.writeFile("/proc", "a file where a directory belongs");
     EXPECT_EQ(vekd::test::runProgram(bin, {}, root.path()), 1);
     unlink(root.at("/proc").c_str());
@@ -88,9 +90,14 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     vekd::test::DaemonProcess publisher(bin, {"--tick-ms", "20"}, root.path(), root.at("/vekstatd.log"));
     ASSERT_TRUE(publisher.waitForLog("a sample every 20 ms", std::chrono::seconds(10)));
     VekStatsImpl* daemonSide = VekStatsImpl::instance();
-    for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
+    const std::string tooLong(CommandStream::kMaxCommand + 1, 'x');
+    root.writeFile("/proc/vek/config", tooLong + '\0');  // into the FIFO, as one write
+    for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "enable=2", "bogus", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
     ASSERT_TRUE(publisher.waitForLog("command: enable=0", std::chrono::seconds(10))) << publisher.log();
-    EXPECT_NE(publisher.log().find("E vekstatd: bad interface name \"../etc\""), std::string::npos);
+    for (const char* said : {"E vekstatd: bad interface name \"../etc\"", "E vekstatd: bad enable value \"2\"",
+                             "E vekstatd: unknown command \"bogus\"", "E vekstatd: dropped a command longer than 4096 bytes"}) {
+        EXPECT_NE(publisher.log().find(said), std::string::npos) << said;
+    }
 
     ASSERT_EQ(stat(path.c_str(), &after), 0);
     EXPECT_EQ(std::make_pair(after.st_ino, after.st_size), std::make_pair(before.st_ino, off_t{20480}));
