@@ -45,6 +45,27 @@ def non_blank_lines(path):
         return sum(1 for line in f if line.strip())
 
 
+def count_by_folder(root):
+    """{top folder: {"tests": lines, "code": lines}} of the tracked sources."""
+    folders = {}
+    for path in tracked_files(root):
+        parts = path.split("/")
+        if any(p in EXCLUDED_DIRS for p in parts[:-1]) or not is_source(root, path):
+            continue
+        full = os.path.join(root, path)
+        if not os.path.isfile(full):
+            continue
+        folder = folders.setdefault(parts[0] if len(parts) > 1 else ".", {"tests": 0, "code": 0})
+        folder["tests" if is_test(path) else "code"] += non_blank_lines(full)
+    return folders
+
+
+def count(root):
+    """(test lines, code lines)."""
+    folders = count_by_folder(root).values()
+    return sum(f["tests"] for f in folders), sum(f["code"] for f in folders)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--limit", type=float, default=0.45,
@@ -53,20 +74,8 @@ def main():
     parser.add_argument("--root", default=os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
     args = parser.parse_args()
 
-    totals = {"tests": 0, "code": 0}
-    folders = {}
-    for path in tracked_files(args.root):
-        parts = path.split("/")
-        if any(p in EXCLUDED_DIRS for p in parts[:-1]) or not is_source(args.root, path):
-            continue
-        kind = "tests" if is_test(path) else "code"
-        full = os.path.join(args.root, path)
-        if not os.path.isfile(full):
-            continue
-        n = non_blank_lines(full)
-        totals[kind] += n
-        folder = folders.setdefault(parts[0] if len(parts) > 1 else ".", {"tests": 0, "code": 0})
-        folder[kind] += n
+    folders = count_by_folder(args.root)
+    totals = {"tests": sum(f["tests"] for f in folders.values()), "code": sum(f["code"] for f in folders.values())}
 
     if args.by_folder:
         for name in sorted(folders):

@@ -51,7 +51,8 @@ def main():
         text = f.read()
     stale = []
     for pattern, now in figures():
-        found = re.findall(pattern, text)
+        pattern = pattern.replace(" ", r"\s+")  # a figure may be wrapped over lines
+        found = [" ".join(f.split()) for f in re.findall(pattern, text)]
         if not found:
             stale.append("README has no figure matching %r" % pattern)
         elif now is not None and any(f != now for f in found):

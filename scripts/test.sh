@@ -60,6 +60,8 @@ scripts/fuzz.sh 60 || status=1
 echo "=== soak ==="
 scripts/soak.sh 60 || status=1
 
+echo "=== README figures ==="
+python3 scripts/readme_figures.py --check || status=1
 echo "=== host sockets ==="
 kill -USR1 $guard
 wait $guard || status=1
