@@ -161,6 +161,7 @@ TEST(VekdService, EightClientsAtOnceAreAnsweredWhileTheLoopEvaluatesAndAnyDumpIs
         {[&](Parcel& p) { p.writeInt32(1), p.writeString16(lone.data(), lone.size()); }, Reader::Reads, "note: 1 unknown argument ignored: '"},
         {[&](Parcel& p) { p.writeInt32(1), p.writeString16(String16(("b" + std::string(450 * 1024, 'a')).c_str())); }, Reader::Reads, "note: 1 unknown argument ignored: 'b" + std::string(31, 'a') + "...'"},
         {[](Parcel& p) { p.writeInt32(1), p.writeString16(String16("x")), p.writeString16(String16("--help")); }, Reader::Reads, "note: 1 unknown argument ignored: 'x'"},  // only the count is read
+        {[](Parcel& p) { p.writeInt32(8); for (int i = 0; i < 8; ++i) p.writeString16(String16(std::string(40, 'x').c_str())); }, Reader::Reads, "note: 8 unknown arguments ignored: '" + std::string(32, 'x') + "...' '"},
         {[](Parcel& p) { p.writeInt32(2), p.writeInt32(1 << 30); }, Reader::Reads, "vekd report\n"},  // damaged argument
         {noArgs, Reader::Gone, "status " + std::to_string(android::FAILED_TRANSACTION)},
         {noArgs, Reader::Stuck, "status " + std::to_string(android::TIMED_OUT)},  // given up after 5 s
