@@ -38,7 +38,6 @@ def figures():
          normal and "The normal build registers %d tests with CTest" % normal),
         (r"the thread sanitizer runs \d+ of them", threads and "the thread sanitizer runs %d of them" % threads),
         (r"unit tests only \(\d+ tests:", armhf and "unit tests only (%d tests:" % armhf),
-        (r"\| \d+ unit tests under qemu \|", armhf and "| %d unit tests under qemu |" % armhf),
     ]
 
 
