@@ -156,7 +156,8 @@ TEST_F(BinderTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheService
     ask.writeInt32(static_cast<int32_t>(kMiB - 4));
     const std::vector<uint8_t> askFrame = frame(kBig, 0, ask);
     ASSERT_EQ(send(stuck.fd, askFrame.data(), askFrame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(askFrame.size()));
-    std::this_thread::sleep_for(std::chrono::seconds(1));
+    pollfd hangUp = {stuck.fd, POLLRDHUP, 0};  // seen with the reply's start still unread
+    EXPECT_EQ(poll(&hangUp, 1, 10000), 1);
     size_t got = 0;
     uint8_t chunk[65536];
     for (ssize_t n; (n = recv(stuck.fd, chunk, sizeof(chunk), 0)) > 0;) got += static_cast<size_t>(n);
