@@ -44,10 +44,14 @@ tb_wait_ratios 20 && sleep 2 && tb_mark measure
 wait "$TB_PID_app" "$TB_PID_other"
 tb_mark end
 report "$out" e2e-slow-wlan --app-result "$TB_WORK/app.out" --other-result "$TB_WORK/other.out"
-check "at least 400 connections spread and routed within 10 points of the computed shares; none of the other UID marked" \
-  "$TB_PY" "$TB_DIR/tbreport.py" check --summary "$out/summary.json" --tolerance 10 --min-conns 400
-check "rate estimates within 20 % of the shaped rates" \
-  "$TB_PY" "$TB_DIR/tbreport.py" check-rates --summary "$out/summary.json" --tolerance 20
+# Bounds from ten runs of each build (testbed/spread.sh), worst seen in brackets.
+# --min-conns: below 400 the share bound no longer holds (seen 492).
+# --tolerance: 3 standard deviations of a share of 400 random choices, 7 points (seen 3.7).
+check "at least 400 connections spread and routed within 7 points of the computed shares; none of the other UID marked" \
+  "$TB_PY" "$TB_DIR/tbreport.py" check --summary "$out/summary.json" --tolerance 7 --min-conns 400
+# Estimates run 3-5 % low, since only TCP segment bytes count; twice the worst seen (4.2 %).
+check "rate estimates within 8 % of the shaped rates" \
+  "$TB_PY" "$TB_DIR/tbreport.py" check-rates --summary "$out/summary.json" --tolerance 8
 
 # --- a black-holed WWAN loses its share and gets it back ----------------------
 # With the WLAN reported without internet the enrolled UID's DNS goes to the
@@ -76,9 +80,12 @@ check "DNS: the WWAN back, its server again" dns_to "$TB_UID_APP" "$wwan"
 tb_vekctl wlan-inet 1 >/dev/null
 check "DNS: the WLAN with internet again, its server again" dns_to "$TB_UID_APP" "$wlan"
 report "$out/link-dies" e2e-link-dies | grep -A3 black-holed
-check "a dead WWAN: share 0 within 3 s, at most 5 % of new connections into it, carrying again within 10 s of its return" \
+# --max-failover: 4 probes lost 250 ms apart, one more timeout and the turn (seen 1.24 s).
+# --max-dead-share: none seen; two of the 40-70 connections may be counted at the window's edge.
+# --max-recovery: a probe answered, an evaluation period and the 1 s counter sampling (seen 1.7 s).
+check "a dead WWAN: share 0 within 2 s, at most 5 % of new connections into it, carrying again within 4 s of its return" \
   "$TB_PY" "$TB_DIR/tbreport.py" check-failover --summary "$out/link-dies/summary.json" \
-  --max-failover 3 --max-dead-share 0.05 --max-recovery 10
+  --max-failover 2 --max-dead-share 0.05 --max-recovery 4
 
 # --- switching the feature off removes the daemon's rules --------------------
 tb_vekctl setprop vendor.vek.enabled 2
