@@ -171,6 +171,7 @@ TEST_F(BinderTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheService
     vekd::test::FakeClock clock;
     EXPECT_EQ(defaultServiceManager()->getService(String16("absent")), nullptr);
     EXPECT_TRUE(log.contains("Waiting for service 'absent'...")) << "said once, before the retries";
+    EXPECT_EQ(clock.sleeps(), std::vector<uint64_t>(50, 100000)) << "five seconds, as on a device";
     EXPECT_EQ(defaultServiceManager()->checkService(String16("../etc")), nullptr);
     EXPECT_FALSE(defaultServiceManager()->isDeclared(String16("echo")));
     const String16 tooLong(std::string(110, 'n').c_str());  // a socket path longer than an address holds
