@@ -39,9 +39,8 @@ TEST(Injection, ThroughVekctl) {
     const std::string marker = d.root.at("/marker");
     std::string err;
     int slot = 0;
-    // Every way a shell command line can be made to run a second command, write
-    // a file or take more arguments (`M`: the marker), the blank also as a tab.
-    // Other whitespace, which no shell splits at, is the parser's unit tests' business.
+    // Every way a shell command line can be made to run a second command, write a file or take
+    // more arguments (`M`: the marker), blanks also as tabs; other whitespace is the parser's tests'.
     for (char blank : {' ', '\t'}) {
         for (const std::string form : {";touch M #", "|touch M #", "&touch M #", "&&touch M #", "$(touch M)",
                                        "`touch M`", "\ntouch M\n", "\"$(touch M)\"", ">M", ">>M", "$(touch${IFS}M)",

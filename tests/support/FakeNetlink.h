@@ -58,7 +58,6 @@ class FakeNetlink : public sockdiag::NetlinkOps {
 
     void setResponder(Responder r) { underLock(m_mutex, [&] { m_responder = std::move(r); }); }
     // The next socket() / connect() calls fail with `err` (0: they succeed).
-    void failSocket(int err) { m_socketErrno = err; }
     void failConnect(int err) { m_connectErrno = err; }
     // writev() and write() fail with `err`, or with `shortBy` > 0 write that many bytes too few.
     void failWrite(int err, size_t shortBy = 0) { m_writeErrno = err, m_writeShortBy = shortBy; }
@@ -76,7 +75,6 @@ class FakeNetlink : public sockdiag::NetlinkOps {
 
     int socket(int domain, int type, int protocol) override {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_socketErrno != 0) return errno = m_socketErrno, -1;
         if (domain != AF_NETLINK || type != (SOCK_DGRAM | SOCK_CLOEXEC) || protocol != NETLINK_SOCK_DIAG) {
             return errno = EPROTONOSUPPORT, -1;
         }
@@ -146,7 +144,6 @@ class FakeNetlink : public sockdiag::NetlinkOps {
     std::vector<int> m_closed;
     std::vector<int> m_recvFlags;
     int m_nextFd = 100;
-    int m_socketErrno = 0;
     int m_connectErrno = 0;
     int m_writeErrno = 0;
     size_t m_writeShortBy = 0;
