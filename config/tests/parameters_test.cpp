@@ -76,8 +76,7 @@ TEST_F(Store, SetValueReportsUnknownKeysAndLogsOnlyWhenVerbose) {
     EXPECT_EQ(log.linesOf("VekParameters"), (std::vector<std::string>{"D setValue:bogus,1,0", "D setValue:SockStaleTime,9,1"}));
 }
 
-// Key i set to i reaches its own value, and the verbose dump shows the values
-// under their own names.
+// Key i set to i reaches its own value, and the verbose dump shows the values under their own names.
 TEST_F(Store, EveryKeySetsItsOwnValueAndTheVerboseDumpShowsIt) {
     Parameters* p = load("");
     const auto keys = p->configValues();
@@ -99,8 +98,7 @@ TEST_F(Store, EveryKeySetsItsOwnValueAndTheVerboseDumpShowsIt) {
     for (const std::string& line : lines) EXPECT_EQ(expected.count(line), 1u) << line;
 }
 
-// Split as getline splits, keeping blanks and inner empty fields; rebuilt,
-// not appended to.
+// Split as getline splits, keeping blanks and inner empty fields; rebuilt, not appended to.
 TEST_F(Store, UidListsAreSplitLikeGetlineAndRebuiltWithAVerboseLineEach) {
     Parameters* p = load("gaming_uid_list=10001,10002\nvek_uid_list=10003, 10004,,10005,\n");
     EXPECT_EQ(p->m_gamingUidVec, (std::vector<std::string>{"10001", "10002"}));
@@ -183,8 +181,7 @@ TEST_F(Store, InterfaceUpdateHonoursTheInterfaceCountAndKeepsOneEntryPerName) {
     p->m_ifaceParams[1] = "rmnet_data0,1,rmnet_data0,0x5B,0,5,0,2.2.2.2";
     p->m_ifaceParams[3] = "wlan1,0,wlan1,0x5C,0,5,0,3.3.3.3";
 
-    // Slot 2 is empty; any count outside 0..4 means all of them. Updating
-    // twice keeps one entry per name.
+    // Slot 2 is empty; any count outside 0..4 means all of them. Updating twice keeps one entry per name.
     for (auto [count, size] : {std::pair<int, size_t>{0, 0}, {1, 1}, {7, 3}, {-1, 3}}) {
         p->m_numInterfaces = count;
         p->updateInterfaceParams();

@@ -84,8 +84,7 @@ TEST_F(Manager, ReadyNotificationConfiguresUidsThenMarksThenStatisticsThenRunSta
     EXPECT_EQ(Parameters::instance()->m_runState.load(), kRunStateConfigured);
     EXPECT_EQ(waiter.wakes(), 1);
 
-    // Again: rules set up again, route checks under the statistics lock,
-    // statistics not enabled twice.
+    // Again: rules set up again, route checks under the statistics lock, statistics not enabled twice.
     LockProbeLauncher probe;
     pipe.clear();
     m->configInterfaceRelatedParams();
@@ -130,8 +129,7 @@ TEST_F(Manager, DnsChoice) {
     m->notifyWlanHasInternet(true);
     EXPECT_STREQ(m->dnsInterface()->name, "c0");
     EXPECT_EQ(commandsWith("DNAT"), (Commands{kIpt + "nat -A kwop_DNS_nat -p udp --dport 53 -d 10.0.0.2 -j DNAT --to-destination 10.0.0.3"}));
-    // The WLAN sent again with another server: the store frees the record
-    // the choice was copied from.
+    // The WLAN sent again with another server: the store frees the record the choice was copied from.
     m->setInterfaceParamsNuv(2, "c0,0,c0,0x5A,1,1,0,10.0.0.9");
     m->configInterfaceRelatedParams();
     pipe.clear();

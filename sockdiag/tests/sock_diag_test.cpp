@@ -185,6 +185,7 @@ TEST_F(SockDiagTest, DestroySocketsTakesTheUidsSocketsOfBothFamiliesAndSparesLoo
     const Lines got = lines();
     ASSERT_EQ(got.size(), 16u);
     EXPECT_EQ(got[7], "E VEK_GAMING not destroy sockets FALSE: UID: 10123, srs_prt: 512, dst_prt: 47873");
+    EXPECT_EQ(got[5], "E VEK_GAMING should destroy sockets TRUE: UID: 10123, srs_prt: 256, dst_prt: 47873");
 
     // A failed IPv4 dump skips IPv6.
     answer({FakeNetlink::error(-EACCES)});

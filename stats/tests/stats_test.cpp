@@ -396,6 +396,9 @@ TEST_F(StatsTest, UnmappableStatsFileIsTriedThreeTimes) {
     EXPECT_EQ(clock.sleeps(), std::vector<uint64_t>(6, 500000));
     EXPECT_EQ(log.count("open mmap file failed:Is a directory"), 3u);
     EXPECT_EQ(log.count("mmap stats file failed:File too large"), 3u);
+    EXPECT_FALSE(log.contains("getStatsMmap")) << "a verbose line while the verbose flag is off";
+    struct stat made {};  // readable by the daemon, written only by the publisher
+    EXPECT_EQ(stat(statsPath("rmnet0").c_str(), &made) == 0 ? made.st_mode & 07777 : 0, 0644u & ~umask(022));
     EXPECT_EQ(stats()->m_linkStatsMap.at("wlan0")->statsData, nullptr);
     EXPECT_EQ(stats()->m_linkStatsMap.at("wlan1")->statsData, nullptr);
     EXPECT_NE(stats()->m_linkStatsMap.at("rmnet0")->statsData, nullptr);

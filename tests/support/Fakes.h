@@ -47,8 +47,7 @@ class FakeProperties : public platform::PropertyStore {
     ScopedSeam<platform::PropertyStore> m_scope;
 };
 
-// Records every command line handed to the runner; commands print nothing
-// unless told otherwise.
+// Records every command line handed to the runner; commands print nothing unless told otherwise.
 class RecordingCommandPipe : public platform::CommandPipe {
   public:
     RecordingCommandPipe() : m_scope(*this) {}

@@ -1,5 +1,4 @@
-// The daemon's singletons in the test process against fakes of all they touch,
-// fresh at the start and the end.
+// The daemon's singletons in the test process against fakes of all they touch, fresh at the start and the end.
 #pragma once
 
 #include "config/Parameters.h"

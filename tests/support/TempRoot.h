@@ -1,5 +1,4 @@
-// A fresh root directory for one test: VEKD_ROOT points at it while the
-// object lives, and it is removed afterwards.
+// A fresh root directory for one test: VEKD_ROOT points at it while the object lives, and it is removed afterwards.
 #pragma once
 
 #include <optional>

@@ -31,8 +31,7 @@ namespace {
 const std::vector<uint8_t> kPingReply = {8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};  // status 0, answer 0
 enum : uint32_t { kEcho = 1, kGate = 2, kBig = 3, kUnknown = 40 };
 
-// Echoes with its caller's pid and uid, answers with as many bytes as asked,
-// or holds calls at a gate to count them.
+// Echoes with its caller's pid and uid, answers with as many bytes as asked, or holds calls at a gate to count them.
 class TestService : public BBinder {
   public:
     const String16& getInterfaceDescriptor() const override { return m_descriptor; }
@@ -98,8 +97,7 @@ Parcel& echoRequest(Parcel& data, int32_t value) {
     return data;
 }
 
-// The echo service published and served by the pool. A driver that was shut
-// down before must serve like a new one.
+// The echo service published and served by the pool. A driver that was shut down before must serve like a new one.
 class BinderTest : public ::testing::Test {
   protected:
     void SetUp() override {

@@ -92,10 +92,12 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     VekStatsImpl* daemonSide = VekStatsImpl::instance();
     const std::string tooLong(CommandStream::kMaxCommand + 1, 'x');
     root.writeFile("/proc/vek/config", tooLong + '\0');  // into the FIFO, as one write
-    for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "enable=2", "bogus", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
+    vekd::test::makeDirs(root.at("/proc/vek/dir_mmap"));
+    for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "iface=dir", "enable=2", "bogus", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
     ASSERT_TRUE(publisher.waitForLog("command: enable=0", std::chrono::seconds(10))) << publisher.log();
     for (const char* said : {"E vekstatd: bad interface name \"../etc\"", "E vekstatd: bad enable value \"2\"",
-                             "E vekstatd: unknown command \"bogus\"", "E vekstatd: dropped a command longer than 4096 bytes"}) {
+                             "E vekstatd: unknown command \"bogus\"", "E vekstatd: dropped a command longer than 4096 bytes",
+                             "E vekstatd: interface dir: cannot open "}) {
         EXPECT_NE(publisher.log().find(said), std::string::npos) << said;
     }
 
