@@ -68,8 +68,8 @@ def count(root):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--limit", type=float, default=0.45,
-                        help="fail above this many test lines per code line (default 0.45)")
+    parser.add_argument("--limit", type=float, default=0.40,
+                        help="fail above this many test lines per code line (default 0.40)")
     parser.add_argument("--by-folder", action="store_true", help="also print the counts per top folder")
     parser.add_argument("--root", default=os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
     args = parser.parse_args()
