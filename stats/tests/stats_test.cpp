@@ -293,6 +293,7 @@ TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"0.625000 wlan0", "0.000000 wlan1", "1.000000 rmnet0", "0.000000 rmnet1"}));
     EXPECT_TRUE(log.contains(" VEK_RATIO : iface=wlan0, LRE= 1000, PktCnt= 19, Max= 1000, metered =0 "));
+    EXPECT_TRUE(log.contains(" VEK_RATIO : iface=rmnet0, LRE= 2000, PktCnt= 19, Max= 2000, metered =1 "));
     // 64-bit stamps and sizes printed whole, also where long has 32 bits (armhf).
     EXPECT_TRUE(log.contains(":Entry(19):" + std::to_string(kNowMs) + ",1024,"));
     EXPECT_TRUE(log.contains(":1000, size:19456, timeLen:152 interface:wlan0"));

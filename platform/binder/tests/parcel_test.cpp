@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <vector>
 
 #include "platform/binder/HostBinder.h"
@@ -32,6 +33,7 @@ TEST_F(ParcelTest, FlatBytesOfEachKindOfValueReadBack) {
     p.writeString16(String16(""));
     p.writeString16(nullptr, 0);
     p.writeString8(android::String8("abc"));
+    p.writeInt32Array(2, std::array<int32_t, 2>{7, -2}.data());
     const std::vector<uint8_t> expected = {
         0x00, 0x00, 0x00, 0x80,                                  // strict-mode policy with the gather bit
         0xff, 0xff, 0xff, 0xff,                                  // no work source
@@ -41,6 +43,7 @@ TEST_F(ParcelTest, FlatBytesOfEachKindOfValueReadBack) {
         0, 0, 0, 0, 0, 0, 0, 0,                                  // an empty string
         0xff, 0xff, 0xff, 0xff,                                  // a null string
         3, 0, 0, 0, 'a', 'b', 'c', 0,                            // 8-bit string: length, bytes, terminator
+        2, 0, 0, 0, 7, 0, 0, 0, 0xfe, 0xff, 0xff, 0xff,          // an int32 array: count, values
     };
     EXPECT_EQ(bytesOf(p), expected);
     p.setDataPosition(8);  // the token's text
