@@ -91,7 +91,7 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     ASSERT_TRUE(publisher.waitForLog("a sample every 20 ms", std::chrono::seconds(10)));
     VekStatsImpl* daemonSide = VekStatsImpl::instance();
     const std::string tooLong(CommandStream::kMaxCommand + 1, 'x');
-    root.writeFile("/proc/vek/config", tooLong + '\0');  // into the FIFO, as one write
+    root.writeFile("/proc/vek/config", tooLong + '\0');  // straight into the FIFO
     vekd::test::makeDirs(root.at("/proc/vek/dir_mmap"));
     for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "iface=dir", "enable=2", "bogus", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
     ASSERT_TRUE(publisher.waitForLog("command: enable=0", std::chrono::seconds(10))) << publisher.log();
