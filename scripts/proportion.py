@@ -60,10 +60,9 @@ def count_by_folder(root):
     return folders
 
 
-def count(root):
-    """(test lines, code lines)."""
-    folders = count_by_folder(root).values()
-    return sum(f["tests"] for f in folders), sum(f["code"] for f in folders)
+def totals(folders):
+    """(test lines, code lines) of the folders counted by count_by_folder."""
+    return sum(f["tests"] for f in folders.values()), sum(f["code"] for f in folders.values())
 
 
 def main():
@@ -75,14 +74,14 @@ def main():
     args = parser.parse_args()
 
     folders = count_by_folder(args.root)
-    totals = {"tests": sum(f["tests"] for f in folders.values()), "code": sum(f["code"] for f in folders.values())}
+    tests, code = totals(folders)
 
     if args.by_folder:
         for name in sorted(folders):
             f = folders[name]
             print(f"  {name:<10} tests {f['tests']:>6}  code {f['code']:>6}")
-    ratio = totals["tests"] / totals["code"] if totals["code"] else 0.0
-    print(f"tests {totals['tests']} lines, code {totals['code']} lines: {ratio:.2f} test lines per code line "
+    ratio = tests / code if code else 0.0
+    print(f"tests {tests} lines, code {code} lines: {ratio:.2f} test lines per code line "
           f"(limit {args.limit:.2f})")
     if ratio > args.limit:
         print("too many test lines for the code: fold cases into tables, drop tests that restate the code",

@@ -28,7 +28,7 @@ def ctest_count(build, *labels):
 
 def figures():
     """(pattern in the README, its text now or None when unknown)."""
-    tests, code = proportion.count(ROOT)
+    tests, code = proportion.totals(proportion.count_by_folder(ROOT))
     normal, threads, armhf = ctest_count("build"), ctest_count("build/tsan", "-L", "threads"), \
         ctest_count("build/armhf")
     return [
