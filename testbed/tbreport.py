@@ -772,6 +772,16 @@ def _last_json(path):
         return None
 
 
+def share_gaps(r):
+    """A link's percentage points between carried and computed share, and
+    between routed and marked share; None where a share was not measured."""
+    if r["carried_share"] is None:
+        return None, None
+    apart = None if r["computed_share"] is None else 100.0 * abs(r["carried_share"] - r["computed_share"])
+    egress = None if r.get("egress_share") is None else 100.0 * abs(r["egress_share"] - r["carried_share"])
+    return apart, egress
+
+
 def check_summary(summary, tolerance_pp, min_conns, segment=-1):
     """Failures (texts) of the end-to-end expectations; empty when all hold."""
     fails = []
@@ -786,15 +796,14 @@ def check_summary(summary, tolerance_pp, min_conns, segment=-1):
         fails.append("connections not spread over every link: %s"
                      % {l: r["connections"] for l, r in seg["links"].items()})
     for link, r in seg["links"].items():
-        if r["carried_share"] is None or r["computed_share"] is None:
+        apart, egress = share_gaps(r)
+        if apart is None:
             fails.append("%s: no share measured" % link)
             continue
-        diff = 100.0 * abs(r["carried_share"] - r["computed_share"])
-        if diff > tolerance_pp:
+        if apart > tolerance_pp:
             fails.append("%s: carried share %.3f vs computed %.3f (%.1f points apart)"
-                         % (link, r["carried_share"], r["computed_share"], diff))
-        if r.get("egress_share") is not None and \
-                100.0 * abs(r["egress_share"] - r["carried_share"]) > tolerance_pp:
+                         % (link, r["carried_share"], r["computed_share"], apart))
+        if egress is not None and egress > tolerance_pp:
             fails.append("%s: %.3f of the connections marked for it but %.3f left through it"
                          % (link, r["carried_share"], r["egress_share"]))
     if seg["other_connections"] == 0:
@@ -855,10 +864,9 @@ def spread_row(main, dies):
     """The figures the end-to-end bounds limit, from one run's two summaries."""
     seg = main["segments"][-1] if main["segments"] else {"links": {}, "app_connections": 0}
     links = seg["links"].values()
-    apart = [100.0 * abs(r["carried_share"] - r["computed_share"]) for r in links
-             if r["carried_share"] is not None and r["computed_share"] is not None]
-    egress = [100.0 * abs(r["egress_share"] - r["carried_share"]) for r in links
-              if r.get("egress_share") is not None and r["carried_share"] is not None]
+    gaps = [share_gaps(r) for r in links]
+    apart = [a for a, _ in gaps if a is not None]
+    egress = [e for _, e in gaps if e is not None]
     rates = [abs(r["error_pct"]) for r in links if r["error_pct"] is not None]
     f = dies.get("failover") or {}
     return {"connections": seg["app_connections"], "share_points": max(apart, default=None),
