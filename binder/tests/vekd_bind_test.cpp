@@ -81,7 +81,6 @@ std::string takeDump(const sp<android::IBinder>& vekd, const std::function<void(
     while (reader == Reader::Stuck && write(fds[1], page.data(), page.size()) > 0) {
     }
     fcntl(fds[1], F_SETFL, 0);
-    const bool closeReader = reader != Reader::Reads;
     if (reader == Reader::Gone) close(fds[0]);
     Parcel data, reply;
     data.writeFileDescriptor(fds[1]);
@@ -90,7 +89,7 @@ std::string takeDump(const sp<android::IBinder>& vekd, const std::function<void(
     close(fds[1]);
     std::string text;
     char buf[4096];
-    for (ssize_t n; !closeReader && (n = read(fds[0], buf, sizeof(buf))) > 0;) text.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; reader == Reader::Reads && (n = read(fds[0], buf, sizeof(buf))) > 0;) text.append(buf, static_cast<size_t>(n));
     if (reader != Reader::Gone) close(fds[0]);
     return status == android::NO_ERROR ? text : "status " + std::to_string(status);
 }

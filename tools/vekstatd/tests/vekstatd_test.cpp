@@ -76,9 +76,8 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     std::string out;
     EXPECT_EQ(vekd::test::runProgram(bin, {"--help"}, root.path(), &out), 0);
     EXPECT_EQ(out.rfind("usage: vekstatd [--tick-ms N]\n", 0), 0u) << out;
-    for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{{"--tick-ms", "0"}, {"--tick-ms", "21"}, {"--tick-ms", "5x"}, {"--bogus"}}) {
-        EXPECT_EQ(vekd::test::runProgram(bin, bad, root.path()), 2) << bad.back();
-    }
+    using Args = std::vector<std::string>;
+    for (const Args& bad : {Args{"--tick-ms", "0"}, Args{"--tick-ms", "21"}, Args{"--tick-ms", "5x"}, Args{"--bogus"}}) EXPECT_EQ(vekd::test::runProgram(bin, bad, root.path()), 2) << bad.back();
     root.writeFile("/proc", "a file where a directory belongs");
     EXPECT_EQ(vekd::test::runProgram(bin, {}, root.path()), 1);
     unlink(root.at("/proc").c_str());
