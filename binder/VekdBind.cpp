@@ -5,7 +5,7 @@
 #include <binder/ProcessState.h>
 
 #include "manager/NuvManager.h"
-#include "report/Counters.h"
+#include "foundation/Counters.h"
 
 using android::Parcel;
 using android::status_t;
@@ -30,7 +30,7 @@ void IVekd::startBind() {
 status_t BnVekd::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     // A mismatching token is served all the same; the check consumes it so
     // the arguments are read from the right place.
-    vekd::report::countTransaction(code);
+    vekd::counters::countTransaction(code);
     data.checkInterface(this);
     if (code < UPDATE_UID_NUV || code > NOTIFY_IFACE_PARAM_READY_NUV) {
         // The platform's own transactions carry no token: they read from the start.

@@ -29,8 +29,7 @@ android::status_t Vekd::dump(int fd, const android::Vector<android::String16>& a
     } else {
         vekd::report::Snapshot snapshot;
         m_manager->snapshot(&snapshot);
-        vekd::report::addLinkHealth(&snapshot);
-        text = vekd::report::formatReport(snapshot, vekd::report::readCounters(), request.note);
+        text = vekd::report::formatReport(snapshot, vekd::counters::readCounters(), request.note);
     }
     if (vekd::platform::writeToPeer(fd, text, kStallMs)) return android::NO_ERROR;
     return errno == ETIMEDOUT ? android::TIMED_OUT : android::FAILED_TRANSACTION;

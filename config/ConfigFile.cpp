@@ -8,7 +8,7 @@
 #include <fstream>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "platform/Root.h"
 
 namespace {

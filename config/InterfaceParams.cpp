@@ -6,8 +6,8 @@
 #include <sstream>
 
 #include "config/Parameters.h"
-#include "daemon/CommandRunner.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/CommandRunner.h"
+#include "foundation/DebugFlag.h"
 
 namespace {
 

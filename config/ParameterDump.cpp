@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 
 namespace {
 constexpr const char* kTag = "VekParameters";

@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "manager/NuvManager.h"
 #include "platform/ChangeWaiter.h"
 #include "platform/Clock.h"

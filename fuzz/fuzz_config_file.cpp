@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "fuzz/FuzzSupport.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "fuzz/FuzzSupport.h"
 
 namespace {

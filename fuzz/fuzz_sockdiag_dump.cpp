@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "fuzz/FuzzSupport.h"
 #include "sockdiag/SockDiag.h"
 #include "tests/support/FakeNetlink.h"

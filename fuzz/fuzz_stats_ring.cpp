@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "fuzz/FuzzSupport.h"
 #include "rules/IptablesManager.h"
 #include "stats/StatsFileLayout.h"

@@ -10,7 +10,7 @@
 
 #include "binder/VekdBind.h"
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "fuzz/FuzzSupport.h"
 #include "manager/NuvManager.h"
 #include "rules/IptablesManager.h"

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <climits>
 
-#include "config/Parameters.h"
 #include "platform/Clock.h"
 
 namespace vekd::linkhealth {
@@ -19,17 +18,6 @@ LinkProber& prober() { return Seam<LinkProber>::get(); }
 int64_t nowMs() { return Seam<platform::Clock>::get().monotonicMs(); }
 
 }  // namespace
-
-MonitorSettings MonitorSettings::from(const Parameters& params) {
-    MonitorSettings s;
-    s.periodMs = params.m_pingPeriodMs;
-    s.timeoutMs = params.m_rttNoresponseTimeoutMs;
-    s.health.lostToDown = params.m_minPingTimes;
-    s.health.answeredToUp = params.m_nHyst;
-    s.health.alphaPercent = params.m_alphaPercent;
-    s.server = params.m_rttServer;
-    return s;
-}
 
 LinkMonitor::LinkMonitor(std::function<void()> onChange) : m_onChange(std::move(onChange)) {}
 
@@ -71,7 +59,7 @@ void LinkMonitor::begin(const MonitorSettings& settings, const std::vector<Monit
     if (m_settings.timeoutMs <= 0) m_settings.timeoutMs = m_settings.periodMs;
     m_links.clear();
     for (size_t i = 0; i < links.size(); ++i) {
-        m_links.push_back(Link{links[i], LinkHealth(m_settings.health), false, 0, 0, 0, {}});
+        m_links.push_back(Link{links[i], HealthTracker(m_settings.health), false, 0, 0, 0, {}});
         prober().open(i, links[i].name, links[i].mark);
     }
     m_resolved = false;
@@ -107,7 +95,7 @@ void LinkMonitor::turn() {
         changed |= settle(now, answers);
         // With every link down the target itself may have moved.
         if (changed && std::none_of(m_links.begin(), m_links.end(),
-                                    [](const Link& l) { return l.health.up(); })) {
+                                    [](const Link& l) { return l.tracker.health().up; })) {
             m_resolved = false;
             m_nextResolveMs = now;
         }
@@ -151,16 +139,16 @@ bool LinkMonitor::settle(int64_t now, const std::vector<ProbeAnswer>& answers) {
         sent.open = false;
         if (link.inFlight && answer.sequence == link.sequence) link.inFlight = false;
         const auto rtt = static_cast<int32_t>(std::min<int64_t>(now - sent.sentMs, INT32_MAX));
-        const LinkHealth::Change change = link.health.answered(rtt);
+        const HealthTracker::Change change = link.tracker.answered(rtt);
         report(link, change);
-        changed |= change != LinkHealth::Change::None;
+        changed |= change != HealthTracker::Change::None;
     }
     for (Link& link : m_links) {
         if (!link.inFlight || now - link.sentMs < m_settings.timeoutMs) continue;
         link.inFlight = false;
-        const LinkHealth::Change change = link.health.lost();
+        const HealthTracker::Change change = link.tracker.lost();
         report(link, change);
-        changed |= change != LinkHealth::Change::None;
+        changed |= change != HealthTracker::Change::None;
     }
     return changed;
 }
@@ -179,9 +167,9 @@ bool LinkMonitor::sendDue(int64_t now) {
             link.recent[link.sequence % kRecent] = Sent{link.sequence, now, true};
         } else {
             // Not even sent (no route, no socket): as good as lost.
-            const LinkHealth::Change change = link.health.lost();
+            const HealthTracker::Change change = link.tracker.lost();
             report(link, change);
-            changed |= change != LinkHealth::Change::None;
+            changed |= change != HealthTracker::Change::None;
         }
     }
     return changed;
@@ -195,13 +183,13 @@ int LinkMonitor::msUntilNextEvent(int64_t now) const {
     return static_cast<int>(std::clamp<int64_t>(next - now, 0, INT32_MAX));
 }
 
-void LinkMonitor::report(const Link& link, LinkHealth::Change change) const {
-    if (change == LinkHealth::Change::WentDown) {
+void LinkMonitor::report(const Link& link, HealthTracker::Change change) const {
+    if (change == HealthTracker::Change::WentDown) {
         __android_log_print(ANDROID_LOG_INFO, kTag, "link %s down: %d probes lost in a row",
-                            link.config.name.c_str(), static_cast<int>(link.health.lostInRow()));
-    } else if (change == LinkHealth::Change::CameUp) {
+                            link.config.name.c_str(), static_cast<int>(link.tracker.health().lostInRow));
+    } else if (change == HealthTracker::Change::CameUp) {
         __android_log_print(ANDROID_LOG_INFO, kTag, "link %s up: round-trip time %d ms",
-                            link.config.name.c_str(), static_cast<int>(link.health.lastRttMs()));
+                            link.config.name.c_str(), static_cast<int>(link.tracker.lastRttMs()));
     }
 }
 
@@ -209,19 +197,21 @@ std::set<std::string> LinkMonitor::downLinks() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::set<std::string> down;
     for (const Link& link : m_links) {
-        if (!link.health.up()) down.insert(link.config.name);
+        if (!link.tracker.health().up) down.insert(link.config.name);
     }
     if (down.size() == m_links.size()) down.clear();
     return down;
 }
 
-std::vector<LinkReport> LinkMonitor::snapshot() const {
+bool LinkMonitor::running() const {
     std::lock_guard<std::mutex> lock(m_mutex);
-    std::vector<LinkReport> out;
-    for (const Link& link : m_links) {
-        out.push_back({link.config.name, link.health.up(), link.health.smoothedRttMs(),
-                       link.health.lostInRow()});
-    }
+    return m_settings.enabled();
+}
+
+std::map<std::string, LinkHealth> LinkMonitor::snapshot() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::map<std::string, LinkHealth> out;
+    for (const Link& link : m_links) out[link.config.name] = link.tracker.health();
     return out;
 }
 

@@ -6,16 +6,16 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "linkhealth/HealthTracker.h"
 #include "linkhealth/LinkHealth.h"
 #include "linkhealth/LinkProber.h"
-
-class Parameters;
 
 namespace vekd::linkhealth {
 
@@ -25,23 +25,12 @@ struct MonitorSettings {
     HealthSettings health;
     std::string server;
 
-    // From "ping_period_ms", "rtt_noresponse_timeout_ms", "min_ping_times",
-    // "n_hyst", "alpha_percent" and "rtt_server".
-    static MonitorSettings from(const Parameters& params);
     bool enabled() const { return periodMs > 0; }
 };
 
 struct MonitoredLink {
     std::string name;
     uint32_t mark = 0;
-};
-
-// What a report of the daemon's state shows of one link.
-struct LinkReport {
-    std::string name;
-    bool up = true;
-    int32_t smoothedRttMs = -1;  // -1: never answered
-    int32_t lostInRow = 0;
 };
 
 class LinkMonitor {
@@ -60,7 +49,10 @@ class LinkMonitor {
     // The links that are down; empty when every monitored link is down,
     // since then there is nothing better to steer to.
     std::set<std::string> downLinks() const;
-    std::vector<LinkReport> snapshot() const;
+    // Whether a run is under way (started and not stopped).
+    bool running() const;
+    // Every monitored link's health by name; empty while the monitor is off.
+    std::map<std::string, LinkHealth> snapshot() const;
 
     // The thread's work without the thread, for tests: begin() sets up a
     // run, turn() sends the probes that are due, waits for answers until
@@ -80,7 +72,7 @@ class LinkMonitor {
 
     struct Link {
         MonitoredLink config;
-        LinkHealth health;
+        HealthTracker tracker;
         bool inFlight = false;  // the last probe, not yet answered nor lost
         uint16_t sequence = 0;
         int64_t sentMs = 0;
@@ -93,7 +85,7 @@ class LinkMonitor {
     bool sendDue(int64_t nowMs);
     int msUntilNextEvent(int64_t nowMs) const;
     bool resolveServer(int64_t nowMs);
-    void report(const Link& link, LinkHealth::Change change) const;
+    void report(const Link& link, HealthTracker::Change change) const;
     void stopLocked();
 
     const std::function<void()> m_onChange;

@@ -11,10 +11,9 @@
 #include <sstream>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "linkhealth/LinkMonitor.h"
 #include "platform/ChangeWaiter.h"
-#include "report/LinkHealth.h"
 #include "rules/IptablesManager.h"
 #include "stats/VekStatsImpl.h"
 
@@ -59,6 +58,19 @@ class StatsLock {
     bool m_held;
 };
 
+// The link monitor's settings from "ping_period_ms", "rtt_noresponse_timeout_ms",
+// "min_ping_times", "n_hyst", "alpha_percent" and "rtt_server".
+vekd::linkhealth::MonitorSettings monitorSettings(const Parameters& params) {
+    vekd::linkhealth::MonitorSettings s;
+    s.periodMs = params.m_pingPeriodMs;
+    s.timeoutMs = params.m_rttNoresponseTimeoutMs;
+    s.health.lostToDown = params.m_minPingTimes;
+    s.health.answeredToUp = params.m_nHyst;
+    s.health.alphaPercent = params.m_alphaPercent;
+    s.server = params.m_rttServer;
+    return s;
+}
+
 std::string uidKey(int uid) {
     std::ostringstream out;
     out << uid;
@@ -75,10 +87,7 @@ NuvManager* NuvManager::instance() {
 }
 
 // Its thread calls back into the manager: it ends before anything else goes.
-NuvManager::~NuvManager() {
-    vekd::report::setLinkHealthSource(nullptr);
-    m_linkMonitor->stop();
-}
+NuvManager::~NuvManager() { m_linkMonitor->stop(); }
 
 void NuvManager::resetForTesting() {
     delete s_instance;
@@ -170,7 +179,6 @@ void NuvManager::cleanup() {
     m_cleanedUp = true;
     life.unlock();
     m_linkMonitor->stop();
-    vekd::report::setLinkHealthSource(nullptr);
 }
 
 void NuvManager::changeUid(int uid, int mode,
@@ -282,7 +290,7 @@ InterfaceInfo_t* NuvManager::chooseDnsInterface(bool hasInternet) const {
 }
 
 void NuvManager::startLinkMonitor() {
-    const auto settings = vekd::linkhealth::MonitorSettings::from(*m_params);
+    const auto settings = monitorSettings(*m_params);
     std::vector<vekd::linkhealth::MonitoredLink> links;
     for (const auto& entry : m_params->m_interfaceMap) {
         if (entry.second == nullptr) continue;
@@ -290,15 +298,6 @@ void NuvManager::startLinkMonitor() {
     }
     if (settings.enabled()) m_stats->setDownLinks({});
     m_linkMonitor->start(settings, links);
-    if (!settings.enabled()) return;
-    // The operator's report shows each link's health while the monitor runs.
-    vekd::report::setLinkHealthSource([monitor = m_linkMonitor.get()] {
-        std::map<std::string, vekd::report::LinkHealth> health;
-        for (const auto& link : monitor->snapshot()) {
-            health[link.name] = {link.up, link.smoothedRttMs, static_cast<uint32_t>(link.lostInRow)};
-        }
-        return health;
-    });
 }
 
 void NuvManager::onLinkHealthChange() {
@@ -361,9 +360,20 @@ void NuvManager::snapshot(vekd::report::Snapshot* out) {
             }
         }
     }
-    RuleLock rules;
-    for (const auto& [uid, mode] : m_uidModes) out->uids.push_back({uid, static_cast<int32_t>(mode)});
-    copyDnsSelection(&out->dnsInterface, &out->dnsServer);
+    {
+        RuleLock rules;
+        for (const auto& [uid, mode] : m_uidModes) out->uids.push_back({uid, static_cast<int32_t>(mode)});
+        copyDnsSelection(&out->dnsInterface, &out->dnsServer);
+    }
+    // The monitor's lock is a leaf: taken last, with nothing of its own held.
+    out->monitorOn = m_linkMonitor->running();
+    if (!out->monitorOn) return;
+    const std::map<std::string, vekd::linkhealth::LinkHealth> health = m_linkMonitor->snapshot();
+    for (vekd::report::LinkRow& link : out->links) {
+        auto it = health.find(link.name);
+        // A link the monitor does not watch shows as unknown, not as down.
+        if (it != health.end()) link.health = it->second;
+    }
 }
 
 std::map<std::string, NuvMode> NuvManager::uidModes() {

@@ -141,7 +141,7 @@ void appendUids(std::string* out, const Snapshot& s) {
     appendTable(out, {"uid", "mode"}, rows);
 }
 
-void appendCounters(std::string* out, const CounterValues& c) {
+void appendCounters(std::string* out, const counters::CounterValues& c) {
     *out += "\ncounters since start:\n";
     *out += "  evaluation_turns " + number(c.evaluationTurns) + "\n";
     *out += "  rule_rewrites " + number(c.ruleRewrites) + "\n";
@@ -155,7 +155,7 @@ void appendCounters(std::string* out, const CounterValues& c) {
 
 }  // namespace
 
-std::string formatReport(const Snapshot& s, const CounterValues& counters, const std::string& note) {
+std::string formatReport(const Snapshot& s, const counters::CounterValues& counters, const std::string& note) {
     std::string out;
     if (!note.empty()) out += note + "\n";
     out += "vekd report\n";

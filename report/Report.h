@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "report/Counters.h"
+#include "foundation/Counters.h"
 #include "report/Snapshot.h"
 
 namespace vekd::report {
@@ -21,7 +21,7 @@ DumpRequest parseDumpArgs(const std::vector<std::string>& args);
 std::string dumpUsage();
 
 // The whole report; `note`, when given, is its first line.
-std::string formatReport(const Snapshot& snapshot, const CounterValues& counters,
+std::string formatReport(const Snapshot& snapshot, const counters::CounterValues& counters,
                          const std::string& note);
 
 }  // namespace vekd::report

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "report/LinkHealth.h"
+#include "linkhealth/LinkHealth.h"
 
 namespace vekd::report {
 
@@ -34,7 +34,7 @@ struct LinkRow {
     uint32_t samples = 0;         // counted by this turn's estimate
     float computedShare = 0.0f;
     std::optional<float> installedShare;  // none: no rule written for it yet
-    std::optional<LinkHealth> health;     // none: no link monitor
+    std::optional<linkhealth::LinkHealth> health;  // none: no link monitor, or not watched
 };
 
 struct UidRow {

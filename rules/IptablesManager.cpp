@@ -8,9 +8,9 @@
 #include <cstring>
 
 #include "config/Parameters.h"
-#include "daemon/CommandRunner.h"
-#include "daemon/DebugFlag.h"
-#include "report/Counters.h"
+#include "foundation/CommandRunner.h"
+#include "foundation/DebugFlag.h"
+#include "foundation/Counters.h"
 #include "sockdiag/SockDiag.h"
 
 pthread_mutex_t gIptablesMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -255,7 +255,7 @@ int IptablesManager::remove_NUV_FWMARK_chain_for_iface(InterfaceInfo_t* info) {
 
 int IptablesManager::set_VEK_ratio_iptables(std::map<std::string, linkStatsWrapper_t*>& stats) {
     Parameters* params = Parameters::instance();
-    vekd::report::countRuleRewrite();
+    vekd::counters::countRuleRewrite();
     m_installedShares.clear();
     int result = execnetd(IPTABLES "-t mangle -F kwop_VEK");
 

@@ -12,8 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/DebugFlag.h"
-#include "report/Counters.h"
+#include "foundation/DebugFlag.h"
+#include "foundation/Counters.h"
 #include "sockdiag/NetlinkOps.h"
 
 namespace {
@@ -104,7 +104,7 @@ int killSocketsForUID(const char* uid) {
 
     int ret = sd.destroySockets(IPPROTO_TCP, static_cast<uint32_t>(numericUid), false);
     // Each pass starts its own count.
-    vekd::report::countSocketsDestroyed(static_cast<uint64_t>(sd.socketsDestroyed()));
+    vekd::counters::countSocketsDestroyed(static_cast<uint64_t>(sd.socketsDestroyed()));
     if (ret < 0) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, " VEK_GAMING Error destroying TCP sockets: %s",
                             strerror(-ret));
@@ -119,7 +119,7 @@ int killSocketsForUID(const char* uid) {
     } else {
         __android_log_print(ANDROID_LOG_ERROR, kTag, " VEK_GAMING destroying UDP sockets: %s", uid);
     }
-    vekd::report::countSocketsDestroyed(static_cast<uint64_t>(sd.socketsDestroyed()));
+    vekd::counters::countSocketsDestroyed(static_cast<uint64_t>(sd.socketsDestroyed()));
     return ret;
 }
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
-#include "report/Counters.h"
+#include "foundation/DebugFlag.h"
+#include "foundation/Counters.h"
 #include "rules/IptablesManager.h"
 #include "stats/VekStatsImpl.h"
 
@@ -51,7 +51,7 @@ int VekStatsImpl::evalAndSetVEKInterfaceRatio() {
     IptablesManager* rules = IptablesManager::instance();
     if (gDebugLogEnabled) __android_log_print(ANDROID_LOG_DEBUG, kTag, " CALC2 ++ \n");
     pthread_mutex_lock(&m_mutex);
-    vekd::report::countEvaluationTurn();
+    vekd::counters::countEvaluationTurn();
 
     const int64_t wifiThreshold = params->get(OPER_WIFI_THRESHOLD);
     const int64_t minPackets = params->m_estimatePackNum;

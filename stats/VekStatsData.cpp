@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "platform/Clock.h"
 
 namespace {

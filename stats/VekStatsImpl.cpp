@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "platform/Clock.h"
 #include "platform/Root.h"
 #include "stats/StatsFileAccess.h"

@@ -8,7 +8,7 @@
 #include <cstdlib>
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "tests/support/Fakes.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempRoot.h"

@@ -9,10 +9,10 @@
 namespace {
 
 using namespace vekd::linkhealth;
-using Change = LinkHealth::Change;
+using Change = HealthTracker::Change;
 
 // Events: 'L' lost, a digit an answer in that many times 10 ms; changes: '.', 'D'own, 'U'p.
-TEST(LinkHealth, LossesInARowHysteresisAndSmoothing) {
+TEST(HealthTracker, LossesInARowHysteresisAndSmoothing) {
     const std::tuple<HealthSettings, const char*, const char*, int32_t> cases[] = {
         {{4, 1, 60}, "LLL5LLLLL", ".......D.", 50},  // an answer breaks the row; the fifth loss changes nothing
         {{1, 2, 60}, "L1L12", "D...U", 16},    // two answers in a row; a loss restarts the count
@@ -20,14 +20,14 @@ TEST(LinkHealth, LossesInARowHysteresisAndSmoothing) {
         {{0, 0, 60}, "L1", "DU", 10},          // counts of 0 act as 1
     };
     for (const auto& [settings, events, expected, smoothedRttMs] : cases) {
-        LinkHealth health(settings);
+        HealthTracker health(settings);
         std::string changes;
         for (const char* e = events; *e != '\0'; ++e) {
             const Change change = *e == 'L' ? health.lost() : health.answered((*e - '0') * 10);
             changes += change == Change::WentDown ? 'D' : change == Change::CameUp ? 'U' : '.';
         }
         EXPECT_EQ(changes, expected) << events;
-        EXPECT_EQ(health.smoothedRttMs(), smoothedRttMs) << events;
+        EXPECT_EQ(health.health().smoothedRttMs, smoothedRttMs) << events;
     }
 }
 
@@ -54,7 +54,7 @@ TEST(Monitor, ProbingFromResolvingToDownUpAndAllDown) {
     const int sent = prober.sent[1];
     runFor(2000);
     EXPECT_EQ(prober.sent[1] - sent, 8) << "one probe in flight per link, one per period";
-    EXPECT_EQ(monitor.snapshot()[0].smoothedRttMs, 150) << "late answers keep a link alive";
+    EXPECT_EQ(monitor.snapshot().at("wlan0").smoothedRttMs, 150) << "late answers keep a link alive";
 
     prober.setRtt(1, -1);
     EXPECT_LE(runFor(60000, true), 5 * 250) << "the probe in flight plus four periods, at most";

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "report/Counters.h"
-#include "report/LinkHealth.h"
+#include "foundation/Counters.h"
 #include "report/Report.h"
 
 namespace vekd::report {
@@ -18,9 +17,9 @@ TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
     s.dnsInterface = "wlan0";
     s.dnsServer = "192.168.1.1";
     s.config = {{"wifi_threshold", "1600"}, {"interface_0", "a\nb"}};
-    countSocketsDestroyed(3);  // the first count of this process: counters start at zero
-    for (uint32_t code : {1u, 1u, 0x5f444d50u, 0x1000u}) countTransaction(code);
-    const CounterValues counters = readCounters();
+    counters::countSocketsDestroyed(3);  // the first count of this process: counters start at zero
+    for (uint32_t code : {1u, 1u, 0x5f444d50u, 0x1000u}) counters::countTransaction(code);
+    const vekd::counters::CounterValues counters = vekd::counters::readCounters();
     const std::string off = formatReport(s, counters, "");
     for (const char* expected :
          {"run_state 2 (interfaces configured, evaluating)\n",
@@ -34,9 +33,8 @@ TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
     }
     EXPECT_EQ(off.find("health"), std::string::npos);
 
-    setLinkHealthSource([] { return std::map<std::string, LinkHealth>{{"wlan0", {true, 12, 0}}}; });
-    addLinkHealth(&s);
-    setLinkHealthSource(nullptr);
+    s.monitorOn = true;
+    s.links[0].health = linkhealth::LinkHealth{true, 12, 0};
     const std::string shown = formatReport(s, counters, "note: x");
     EXPECT_EQ(shown.rfind("note: x\nvekd report\n", 0), 0u);
     for (const char* expected : {"installed_share  health\n", "0.500            up rtt=12ms lost=0\n", "-                -\n"}) {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "platform/LogSink.h"
 #include "sockdiag/SockDiag.h"
 #include "tests/support/FakeNetlink.h"

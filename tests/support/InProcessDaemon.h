@@ -2,7 +2,7 @@
 #pragma once
 
 #include "config/Parameters.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "manager/NuvManager.h"
 #include "rules/IptablesManager.h"
 #include "stats/VekStatsImpl.h"

@@ -1,3 +1,3 @@
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 
 std::atomic<int32_t> gDebugLogEnabled{0};

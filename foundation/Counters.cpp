@@ -1,9 +1,9 @@
-#include "report/Counters.h"
+#include "foundation/Counters.h"
 
 #include <atomic>
 #include <cstddef>
 
-namespace vekd::report {
+namespace vekd::counters {
 namespace {
 
 constexpr uint32_t packChars(char a, char b, char c, char d) {
@@ -68,4 +68,4 @@ void resetCountersForTesting() {
     for (auto& count : c.transactions) count = 0;
 }
 
-}  // namespace vekd::report
+}  // namespace vekd::counters

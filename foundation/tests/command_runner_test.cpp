@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "daemon/CommandRunner.h"
-#include "daemon/DebugFlag.h"
+#include "foundation/CommandRunner.h"
+#include "foundation/DebugFlag.h"
 #include "tests/support/Fakes.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempRoot.h"

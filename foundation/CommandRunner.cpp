@@ -1,10 +1,10 @@
-#include "daemon/CommandRunner.h"
+#include "foundation/CommandRunner.h"
 
 #include <android/log.h>
 
 #include <cstring>
 
-#include "daemon/DebugFlag.h"
+#include "foundation/DebugFlag.h"
 #include "platform/CommandPipe.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-namespace vekd::report {
+namespace vekd::counters {
 
 struct CounterValues {
     uint64_t evaluationTurns = 0;
@@ -26,4 +26,4 @@ void countTransaction(uint32_t code);
 CounterValues readCounters();
 void resetCountersForTesting();
 
-}  // namespace vekd::report
+}  // namespace vekd::counters
