@@ -103,6 +103,7 @@ std::string rttServerForCountry(const char* given) {
 }  // namespace
 
 std::vector<std::pair<std::string, std::string>> Parameters::configValues() const {
+    std::lock_guard<std::mutex> slots(m_interfaceMutex);
     std::vector<std::pair<std::string, std::string>> values;
     for (const KeyEntry& entry : kKeys) {
         // The main loop rewrites it from the property every turn.

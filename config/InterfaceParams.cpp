@@ -35,7 +35,23 @@ bool isSafeText(const char* text) {
 
 }  // namespace
 
+void Parameters::setInterfaceSlot(int index, std::string text) {
+    if (index < 0 || index >= kMaxInterfaceSlots) return;
+    std::lock_guard<std::mutex> lock(m_interfaceMutex);
+    m_ifaceParams[index] = std::move(text);
+}
+
+std::map<std::string, InterfaceInfo_t> Parameters::interfaces() const {
+    std::lock_guard<std::mutex> lock(m_interfaceMutex);
+    std::map<std::string, InterfaceInfo_t> copy;
+    for (const auto& [name, info] : m_interfaceMap) {
+        if (info != nullptr) copy.emplace(name, *info);
+    }
+    return copy;
+}
+
 void Parameters::updateInterfaceParams() {
+    std::lock_guard<std::mutex> lock(m_interfaceMutex);
     if (m_numInterfaces == 0) {
         if (gDebugLogEnabled) {
             __android_log_print(ANDROID_LOG_DEBUG, kTag,

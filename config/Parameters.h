@@ -3,15 +3,19 @@
 // and the run-state word.
 //
 // Created on first use from the main thread before any other thread runs, and
-// never destroyed (tests use resetForTesting). The store holds no lock: the
-// interface slots and map are written by binder threads before the run state
-// reaches 2, and read afterwards.
+// never destroyed (tests use resetForTesting). Its one lock, m_interfaceMutex,
+// guards the interface slots and the configured-interface map: the slots are
+// written from binder threads, the map is rebuilt from them while the main
+// loop's turn and the report read it. A leaf: nothing else is taken under it.
+// Other readers of the map (the rule manager's walks) run on the link
+// manager's configuration path, which never overlaps a rebuild.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -48,8 +52,11 @@ class Parameters {
     void fromVector(std::vector<std::string>& lines);
     bool setValue(const char* key, const char* value);
 
-    // Interface parameters.
+    // Interface parameters. updateInterfaceParams rebuilds the map from the
+    // slots under the lock; interfaces() is a copy of the map taken under it.
+    void setInterfaceSlot(int index, std::string text);
     void updateInterfaceParams();
+    std::map<std::string, InterfaceInfo_t> interfaces() const;
     InterfaceInfo_t* parseInterfaceParams(std::string params);
     bool validateInterfaceParams(InterfaceInfo_t* info);
     bool addNewInterfacetoMap(InterfaceInfo_t* info);
@@ -120,6 +127,7 @@ class Parameters {
     std::atomic<int32_t> m_runState{0};
 
   private:
+    mutable std::mutex m_interfaceMutex;
     Parameters() = default;
     ~Parameters();
     Parameters(const Parameters&) = delete;

@@ -100,18 +100,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const size_t n = share < kVekStatsFileSize ? share : kVekStatsFileSize;
         memset(gFiles[i], 0, kVekStatsFileSize);
         memcpy(gFiles[i], data + k * share, n);
-        auto* record = new linkStatsWrapper_t();
-        snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", kLinkTable[i].name);
-        record->statsData = new VekStatsData(gFiles[i], !kLinkTable[i].metered);
-        stats->m_linkStatsMap[kLinkTable[i].name] = record;
+        stats->addLinkForTesting(kLinkTable[i].name, gFiles[i]);
     }
 
     uint64_t now = kNowMs;
     for (int t = 0; t < turns; ++t) {
         world->clock.setNowMs(now);
         stats->evalAndSetVEKInterfaceRatio();
-        for (const auto& entry : stats->m_linkStatsMap) {
-            FUZZ_CHECK(std::isfinite(entry.second->interfaceRatio));
+        for (const LinkStatsSnapshot& link : stats->snapshot(nullptr)) {
+            FUZZ_CHECK(std::isfinite(link.computedShare));
         }
         now += block[1] >> 2;
     }

@@ -25,7 +25,8 @@ NuvManager* s_instance = nullptr;
 pthread_mutex_t s_instanceMutex;  // zero-filled; re-initialised as recursive by the constructor
 pthread_mutex_t s_ruleMutex;
 
-// Serialises the interface slots and their parsing between binder threads.
+// Serialises the configuration path (parsing, rule setup, monitor start)
+// between binder threads.
 std::mutex s_configMutex;
 // Cleanup takes it exclusively; the run-time operations share it, so that
 // none of them can still be using the rule manager or the statistics engine
@@ -38,24 +39,6 @@ class RuleLock {
     ~RuleLock() { pthread_mutex_unlock(&s_ruleMutex); }
     RuleLock(const RuleLock&) = delete;
     RuleLock& operator=(const RuleLock&) = delete;
-};
-
-// The statistics engine's lock, when the engine exists: it guards the
-// engine's map and, through the main loop's evaluation, readers of the
-// store's interface map.
-class StatsLock {
-  public:
-    explicit StatsLock(VekStatsImpl* stats) : m_held(stats != nullptr) {
-        if (m_held) pthread_mutex_lock(&VekStatsImpl::m_mutex);
-    }
-    ~StatsLock() {
-        if (m_held) pthread_mutex_unlock(&VekStatsImpl::m_mutex);
-    }
-    StatsLock(const StatsLock&) = delete;
-    StatsLock& operator=(const StatsLock&) = delete;
-
-  private:
-    bool m_held;
 };
 
 // The link monitor's settings from "ping_period_ms", "rtt_noresponse_timeout_ms",
@@ -111,9 +94,7 @@ NuvManager::NuvManager()
 
 void NuvManager::setInterfaceParamsNuv(int index, std::string params) {
     if (m_params == nullptr) return;
-    if (index < 0 || index >= kMaxInterfaceSlots) return;  // the store has four slots
-    std::lock_guard<std::mutex> config(s_configMutex);
-    m_params->m_ifaceParams[index] = std::move(params);
+    m_params->setInterfaceSlot(index, std::move(params));
 }
 
 void NuvManager::configInterfaceRelatedParams() {
@@ -122,11 +103,7 @@ void NuvManager::configInterfaceRelatedParams() {
     std::lock_guard<std::mutex> config(s_configMutex);
 
     if (m_params != nullptr) {
-        {
-            // The main loop may be evaluating with an earlier configuration.
-            StatsLock stats(m_stats);
-            m_params->updateInterfaceParams();
-        }
+        m_params->updateInterfaceParams();
         RuleLock rules;
         for (int i = 0; i < static_cast<int32_t>(m_params->m_gamingUidVec.size()); ++i) {
             m_uidModes[m_params->m_gamingUidVec[i]] = NUV_MODE_GAMING;
@@ -236,9 +213,8 @@ void NuvManager::notifyWlanHasInternet(bool hasInternet) {
             oldServer[sizeof(oldServer) - 1] = '\0';
         }
         if (m_params != nullptr && m_stats != nullptr) {
-            StatsLock stats(m_stats);
-            if (InterfaceInfo_t* info = chooseDnsInterface(hasInternet)) {
-                // A copy: the store may replace or free the record later.
+            // A copy: the store may replace or free the record later.
+            if (std::optional<InterfaceInfo_t> info = chooseDnsInterface(hasInternet)) {
                 m_dnsChoice = *info;
                 m_dnsIface = &m_dnsChoice;
                 m_dnsServer = m_dnsChoice.dnsServer;
@@ -256,17 +232,18 @@ void NuvManager::notifyWlanHasInternet(bool hasInternet) {
     m_iptables->update_NUV_iptables_for_DNS(chosenName, oldServer, newServer);
 }
 
-InterfaceInfo_t* NuvManager::chooseDnsInterface(bool hasInternet) const {
+std::optional<InterfaceInfo_t> NuvManager::chooseDnsInterface(bool hasInternet) const {
     const std::set<std::string> down = m_linkMonitor->downLinks();
+    const std::map<std::string, InterfaceInfo_t> configured = m_params->interfaces();
+    const std::vector<LinkStatsSnapshot> measured = m_stats->snapshot(nullptr);
     // The walk for one preference; `skippedDown` tells that a link it would
     // have taken is down.
-    auto walk = [&](bool wlan, bool* skippedDown) -> InterfaceInfo_t* {
-        InterfaceInfo_t* choice = nullptr;
-        for (const auto& entry : m_stats->m_linkStatsMap) {
-            if (entry.second == nullptr) continue;
-            auto found = m_params->m_interfaceMap.find(entry.second->interfaceName);
-            if (found == m_params->m_interfaceMap.end() || found->second == nullptr) continue;
-            InterfaceInfo_t* info = found->second;
+    auto walk = [&](bool wlan, bool* skippedDown) -> const InterfaceInfo_t* {
+        const InterfaceInfo_t* choice = nullptr;
+        for (const LinkStatsSnapshot& link : measured) {
+            auto found = configured.find(link.name);
+            if (found == configured.end()) continue;
+            const InterfaceInfo_t* info = &found->second;
             // 0x5A marks the WLAN; of the other links 0x5B is preferred,
             // and the last 0x5C wins when there is no 0x5B.
             const bool isWlan = strcmp(info->fwmark, "0x5A") == 0;
@@ -283,18 +260,18 @@ InterfaceInfo_t* NuvManager::chooseDnsInterface(bool hasInternet) const {
         return choice;
     };
     bool skippedDown = false;
-    InterfaceInfo_t* choice = walk(hasInternet, &skippedDown);
+    const InterfaceInfo_t* choice = walk(hasInternet, &skippedDown);
     // The preferred kind of link is down: a live link of the other kind.
     if (choice == nullptr && skippedDown) choice = walk(!hasInternet, &skippedDown);
-    return choice;
+    if (choice == nullptr) return std::nullopt;
+    return *choice;
 }
 
 void NuvManager::startLinkMonitor() {
     const auto settings = monitorSettings(*m_params);
     std::vector<vekd::linkhealth::MonitoredLink> links;
-    for (const auto& entry : m_params->m_interfaceMap) {
-        if (entry.second == nullptr) continue;
-        links.push_back({entry.first, static_cast<uint32_t>(strtoul(entry.second->fwmark, nullptr, 0))});
+    for (const auto& [name, info] : m_params->interfaces()) {
+        links.push_back({name, static_cast<uint32_t>(strtoul(info.fwmark, nullptr, 0))});
     }
     if (settings.enabled()) m_stats->setDownLinks({});
     m_linkMonitor->start(settings, links);
@@ -310,10 +287,8 @@ void NuvManager::onLinkHealthChange() {
         m_stats->evalAndSetVEKInterfaceRatio();
         if (hasInternet >= 0 && m_params != nullptr) {
             RuleLock rules;
-            StatsLock stats(m_stats);
-            const InterfaceInfo_t* choice = chooseDnsInterface(hasInternet != 0);
-            dnsMoves = choice != nullptr &&
-                       (m_dnsIface == nullptr || strcmp(choice->name, m_dnsIface->name) != 0);
+            const std::optional<InterfaceInfo_t> choice = chooseDnsInterface(hasInternet != 0);
+            dnsMoves = choice && (m_dnsIface == nullptr || strcmp(choice->name, m_dnsIface->name) != 0);
         }
     }
     if (dnsMoves) notifyWlanHasInternet(hasInternet != 0);
@@ -328,36 +303,27 @@ void NuvManager::snapshot(vekd::report::Snapshot* out) {
     std::shared_lock<std::shared_mutex> life(s_lifeMutex);
     if (m_params != nullptr) out->runState = m_params->m_runState.load();
     out->cleanedUp = m_cleanedUp;
-    {
-        std::lock_guard<std::mutex> config(s_configMutex);
-        if (m_params != nullptr) out->config = m_params->configValues();
-        // Switched off: no rules, no statistics, nothing steered.
-        if (m_cleanedUp) return;
-        // Only copies under the statistics lock: the evaluation waits for it.
-        StatsLock stats(m_stats);
-        if (m_params != nullptr) {
-            for (const auto& [name, info] : m_params->m_interfaceMap) {
-                if (info == nullptr) continue;
-                out->interfaces.push_back({name, info->routeTable, info->fwmark, info->metered,
-                                           info->isDefault, info->cost, info->bias, info->dnsServer});
-            }
+    if (m_params != nullptr) out->config = m_params->configValues();
+    // Switched off: no rules, no statistics, nothing steered.
+    if (m_cleanedUp) return;
+    if (m_params != nullptr) {
+        for (const auto& [name, info] : m_params->interfaces()) {
+            out->interfaces.push_back({name, info.routeTable, info.fwmark, info.metered,
+                                       info.isDefault, info.cost, info.bias, info.dnsServer});
         }
-        if (m_stats != nullptr) {
-            const std::map<std::string, float>& installed = m_iptables->installedShares();
-            for (const auto& [name, record] : m_stats->m_linkStatsMap) {
-                if (record == nullptr) continue;
-                vekd::report::LinkRow link;
-                link.name = name;
-                link.measured = record->statsData != nullptr;
-                link.estimate = record->lre;
-                link.historyMax = record->history.maxRate;
-                link.historyLength = static_cast<uint32_t>(record->history.rates.size());
-                link.samples = record->pktCnt;
-                link.computedShare = record->interfaceRatio;
-                auto share = installed.find(name);
-                if (share != installed.end()) link.installedShare = share->second;
-                out->links.push_back(std::move(link));
-            }
+    }
+    if (m_stats != nullptr) {
+        for (const LinkStatsSnapshot& link : m_stats->snapshot(m_iptables)) {
+            vekd::report::LinkRow row;
+            row.name = link.name;
+            row.measured = link.measured;
+            row.estimate = link.estimate;
+            row.historyMax = link.historyMax;
+            row.historyLength = link.historyLength;
+            row.samples = link.samples;
+            row.computedShare = link.computedShare;
+            row.installedShare = link.installedShare;
+            out->links.push_back(std::move(row));
         }
     }
     {

@@ -1,5 +1,21 @@
 // Ties the parameter store, the statistics engine and the rule manager
 // together; driven by the binder service and the main loop.
+//
+// Locks, outermost first; a lock is only taken while holding locks above it:
+// 1. lifetime (shared mutex, here): cleanup holds it exclusively, every other
+//    operation of the manager shared, so that nothing still uses the rule
+//    manager or the statistics engine while cleanup destroys them;
+// 2. configuration (here): one configuration path at a time (parsing, rule
+//    setup, statistics start, link monitor start);
+// 3. rule lock (here): the UID map and the DNS choice;
+// 4. the statistics engine's lock (VekStatsImpl): its interface map, taken
+//    by its own operations only;
+// 5. the rule manager's rule lock (IptablesManager): the per-UID and DNS rule
+//    operations;
+// leaves, taken for a copy or an update and never around another lock: the
+// rule manager's installed shares (under 4 by the rewrite and the engine's
+// snapshot), the parameter store's interface lock, the link monitor's own.
+// The instance lock only guards the singleton's creation.
 #pragma once
 
 #include <pthread.h>
@@ -8,6 +24,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "config/InterfaceInfo.h"
@@ -38,8 +55,8 @@ class NuvManager {
     void removeRuleForUid(int uid, int mode);
     void notifyWlanHasInternet(bool hasInternet);
 
-    // The operator's report: copies what it shows under the locks of its
-    // owners (lifetime, configuration, statistics, then rule lock).
+    // The operator's report: copies of what it shows, each taken by its
+    // owner under its own lock.
     void snapshot(vekd::report::Snapshot* out);
 
     // For tests: the recorded mode of every UID, and the DNS selection.
@@ -59,9 +76,9 @@ class NuvManager {
     void changeUid(int uid, int mode,
                    const std::function<void(const std::string&, const NuvMode*)>& change);
     NuvManager& operator=(const NuvManager&) = delete;
-    // The interface whose DNS server the choice names (null: keep the
-    // current one); under the rule and statistics locks.
-    InterfaceInfo_t* chooseDnsInterface(bool hasInternet) const;
+    // The interface whose DNS server the choice names (none: keep the
+    // current one); under the rule lock.
+    std::optional<InterfaceInfo_t> chooseDnsInterface(bool hasInternet) const;
     // Link health: started with the statistics, and what a link going down
     // or coming back changes (an evaluation turn at once, the DNS choice).
     void startLinkMonitor();

@@ -2,20 +2,22 @@
 // Every change is one command line run through execnetd.
 #pragma once
 
-#include <pthread.h>
-
 #include <map>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "config/InterfaceInfo.h"
 #include "config/NuvMode.h"
-#include "stats/LinkStatsWrapper.h"
+#include "rules/LinkShare.h"
 
 class Parameters;
 
-// Serialises the per-UID and DNS rule operations.
-extern pthread_mutex_t gIptablesMutex;
-
+// Locks, both owned here and taken by nothing else:
+// - the rule lock (in IptablesManager.cpp) serialises the per-UID and DNS
+//   operations; the link manager's rule lock is taken before it;
+// - m_sharesMutex guards the shares the last ratio rewrite installed; a
+//   leaf, held for a copy only.
 class IptablesManager {
   public:
     static IptablesManager* instance();
@@ -25,6 +27,8 @@ class IptablesManager {
     // Tests only: forgets the singleton without running any command and
     // leaves the rule lock unlocked, even after a DNS update that kept it.
     static void resetForTesting();
+    // Tests only: whether some thread holds the rule lock.
+    static bool ruleLockHeldForTesting();
 
     // Mark chains, policy-routing and masquerade rules per interface.
     int setup_NUV_iptables_FWMARK_chains();
@@ -32,12 +36,11 @@ class IptablesManager {
     int create_NUV_FWMARK_chain_for_iface(InterfaceInfo_t* info);
     int remove_NUV_FWMARK_chain_for_iface(InterfaceInfo_t* info);
 
-    // The probability cascade in "kwop_VEK".
-    int set_VEK_ratio_iptables(std::map<std::string, linkStatsWrapper_t*>& stats);
-    // The share of each interface as the last rewrite wrote it. Read and
-    // written under the statistics engine's lock, which every rewrite's
-    // caller holds.
-    const std::map<std::string, float>& installedShares() const { return m_installedShares; }
+    // The probability cascade in "kwop_VEK", one rule per configured link
+    // in the given (name) order, unmetered links first.
+    int set_VEK_ratio_iptables(const std::vector<LinkShare>& shares);
+    // The share of each interface as the last rewrite wrote it.
+    std::map<std::string, float> installedShares() const;
 
     // Per-UID and DNS rules.
     void setup_NUV_UID_iptables_chains(std::map<std::string, NuvMode> uidModes);
@@ -52,5 +55,6 @@ class IptablesManager {
     IptablesManager& operator=(const IptablesManager&) = delete;
 
     Parameters* m_params;
-    std::map<std::string, float> m_installedShares;
+    mutable std::mutex m_sharesMutex;
+    std::map<std::string, float> m_installedShares;  // guarded by m_sharesMutex
 };

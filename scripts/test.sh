@@ -30,6 +30,9 @@ rm -f "$guard_ready"
 # reshaped towards a third of the code.
 echo "=== proportion of tests ==="
 python3 scripts/proportion.py --limit 0.40 || status=1
+# No include arrow from a lower folder up to a higher one.
+echo "=== layers ==="
+python3 scripts/layers.py --check || status=1
 
 for flavour in normal asan; do
   echo "=== $flavour build ==="

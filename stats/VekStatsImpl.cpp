@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "config/Parameters.h"
+#include "rules/IptablesManager.h"
 #include "foundation/DebugFlag.h"
 #include "platform/Clock.h"
 #include "platform/Root.h"
@@ -44,13 +45,10 @@ Retired& retired() {
 
 }  // namespace
 
-pthread_mutex_t VekStatsImpl::m_mutex = PTHREAD_MUTEX_INITIALIZER;
-
 VekStatsImpl* VekStatsImpl::instance() {
     VekStatsImpl* existing = gInstance.load(std::memory_order_acquire);
     if (existing != nullptr) return existing;
     auto* created = new VekStatsImpl();
-    pthread_mutex_init(&m_mutex, nullptr);
     gInstance.store(created, std::memory_order_release);
     return created;
 }
@@ -60,7 +58,6 @@ void VekStatsImpl::finalize() {
     if (stats == nullptr) return;
     if (gDebugLogEnabled) __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s +\n", "~VekStatsImpl");
     stats->freeMmap();
-    pthread_mutex_destroy(&m_mutex);
     gInstance.store(nullptr, std::memory_order_release);
     delete stats;
 }
@@ -126,7 +123,7 @@ bool VekStatsImpl::enableVEK(bool enable) {
     };
     writeList(params->getStatsProtocols(command, sizeof(command)), "protocols");
     writeList(params->getStatsPorts(command, sizeof(command)), "ports");
-    for (const auto& entry : params->m_interfaceMap) {
+    for (const auto& entry : params->interfaces()) {
         snprintf(command, sizeof(command), "%s%s", "iface=", entry.first.c_str());
         writeStatsConfFile(command);
     }
@@ -158,17 +155,12 @@ void* VekStatsImpl::getStatsMmap(std::string iface) {
 
 bool VekStatsImpl::initMmap() {
     if (gDebugLogEnabled) __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s +\n", "initMmap");
-    pthread_mutex_lock(&m_mutex);
-
-    Parameters* params = Parameters::instance();
-    if (params->m_interfaceMap.empty()) {
-        bool empty = m_linkStatsMap.empty();
-        pthread_mutex_unlock(&m_mutex);
-        return empty;
-    }
+    const Interfaces configured = Parameters::instance()->interfaces();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (configured.empty()) return m_linkStatsMap.empty();
 
     size_t mapped = 0;
-    for (const auto& entry : params->m_interfaceMap) {
+    for (const auto& entry : configured) {
         const std::string& name = entry.first;
         auto* record = new linkStatsWrapper_t();
         snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", name.c_str());
@@ -194,14 +186,51 @@ bool VekStatsImpl::initMmap() {
         }
     }
 
-    bool all = mapped == m_linkStatsMap.size();
-    pthread_mutex_unlock(&m_mutex);
-    return all;
+    return mapped == m_linkStatsMap.size();
+}
+
+bool VekStatsImpl::lockHeldForTesting() const {
+    if (!m_mutex.try_lock()) return true;
+    m_mutex.unlock();
+    return false;
+}
+
+void VekStatsImpl::addLinkForTesting(const std::string& name, void* map) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto* record = new linkStatsWrapper_t();
+    snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", name.c_str());
+    if (map != nullptr) record->statsData = new VekStatsData(map, false);
+    linkStatsWrapper_t*& slot = m_linkStatsMap[name];
+    if (slot != nullptr) retired().records.push_back(slot);
+    slot = record;
+}
+
+std::vector<LinkStatsSnapshot> VekStatsImpl::snapshot(const IptablesManager* rules) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    // Under the lock the rewrite holds: the shares installed for these records.
+    const std::map<std::string, float> installed =
+        rules != nullptr ? rules->installedShares() : std::map<std::string, float>();
+    std::vector<LinkStatsSnapshot> out;
+    for (const auto& [name, record] : m_linkStatsMap) {
+        if (record == nullptr) continue;
+        LinkStatsSnapshot link;
+        link.name = name;
+        link.measured = record->statsData != nullptr;
+        link.estimate = record->lre;
+        link.historyMax = record->history.maxRate;
+        link.historyLength = static_cast<uint32_t>(record->history.rates.size());
+        link.samples = record->pktCnt;
+        link.computedShare = record->interfaceRatio;
+        auto share = installed.find(name);
+        if (share != installed.end()) link.installedShare = share->second;
+        out.push_back(std::move(link));
+    }
+    return out;
 }
 
 void VekStatsImpl::freeMmap() {
     if (gDebugLogEnabled) __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s +\n", "freeMmap");
-    pthread_mutex_lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     for (auto& entry : m_linkStatsMap) {
         linkStatsWrapper_t* record = entry.second;
         if (record == nullptr) continue;
@@ -214,7 +243,6 @@ void VekStatsImpl::freeMmap() {
         }
     }
     m_linkStatsMap.clear();
-    pthread_mutex_unlock(&m_mutex);
 }
 
 unsigned int VekStatsImpl::getMaxLinkRateFromHistory(linkHistory_t& history, unsigned int lre,

@@ -1,19 +1,41 @@
 // The statistics engine: the channel to the kernel module (control commands,
 // mapped statistics files), the per-link rate history, and the per-turn split
 // of new connections over the links.
+//
+// Its lock (m_mutex) guards the interface map, the records in it and the
+// down links. It is taken by initMmap, freeMmap, setDownLinks, snapshot and a
+// whole evaluation turn, the ratio rewrite included, and by nothing outside
+// this class. The link manager's locks come before it; the rule manager's
+// shares lock is taken under it (by the rewrite and by snapshot).
 #pragma once
 
-#include <pthread.h>
-
+#include <cstdint>
 #include <map>
+#include <mutex>
+#include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "config/InterfaceInfo.h"
 #include "stats/LinkStatsWrapper.h"
 #include "stats/VekRatioCalc.h"
 #include "stats/VekStatsData.h"
 
+class IptablesManager;
 class Parameters;
+
+// One link of the engine, as a copy taken under its lock.
+struct LinkStatsSnapshot {
+    std::string name;
+    bool measured = false;        // its statistics file is mapped
+    uint32_t estimate = 0;        // kbit/s, this turn's after gating
+    uint32_t historyMax = 0;      // kbit/s
+    uint32_t historyLength = 0;   // estimates kept
+    uint32_t samples = 0;         // counted by this turn's estimate
+    float computedShare = 0.0f;
+    std::optional<float> installedShare;  // none: no rule written for it yet
+};
 
 class VekStatsImpl {
   public:
@@ -49,7 +71,8 @@ class VekStatsImpl {
     // meaning.
     int evalAndSetVEKInterfaceRatio();
     // Writes every record's interfaceRatio; true when the split moved by more
-    // than min_ratio_change and is to be installed.
+    // than min_ratio_change and is to be installed. The caller holds the
+    // lock (the evaluation turn does).
     bool calcVekRatios(VEK_ratio_calc_process mode, float totalMeteredLRE, float totalUnmeteredLRE,
                        float maxUnmeteredLRE);
 
@@ -57,25 +80,28 @@ class VekStatsImpl {
     // shares scaled to add up to 1. Ignored when it names every link.
     void setDownLinks(std::set<std::string> down);
 
-    // Interface name -> record; owns the records. Guarded by m_mutex.
-    std::map<std::string, linkStatsWrapper_t*> m_linkStatsMap;
-    // Reserved; zero.
-    int m_reserved0 = 0;
-    int m_reserved1 = 0;
-
-    // Held by initMmap, freeMmap and a whole evaluation turn (including the
-    // rule rewrite). Initialised with the singleton, destroyed by finalize.
-    static pthread_mutex_t m_mutex;
+    // Every link in name order, with the share `rules` last installed.
+    std::vector<LinkStatsSnapshot> snapshot(const IptablesManager* rules) const;
+    // Tests: whether some thread holds the lock.
+    bool lockHeldForTesting() const;
+    // Tests and fuzzing: a record for `name` over a mapping of a statistics
+    // file (null: a record without statistics), as initMmap makes one.
+    void addLinkForTesting(const std::string& name, void* map);
 
   private:
+    using Interfaces = std::map<std::string, InterfaceInfo_t>;
     // Of m_downLinks, those among the configured records; empty when that
     // would be all of them.
-    std::set<std::string> downAmongConfigured(Parameters* params) const;
-    // calcVekRatios with the turn's down links already worked out.
+    std::set<std::string> downAmongConfigured(const Interfaces& configured) const;
+    // calcVekRatios with the turn's configuration and down links worked out.
     bool calcVekRatios(VEK_ratio_calc_process mode, float totalMeteredLRE, float totalUnmeteredLRE,
-                       float maxUnmeteredLRE, const std::set<std::string>& down);
+                       float maxUnmeteredLRE, const Interfaces& configured,
+                       const std::set<std::string>& down);
 
-    std::set<std::string> m_downLinks;  // guarded by m_mutex
+    mutable std::mutex m_mutex;
+    // Interface name -> record; owns the records.
+    std::map<std::string, linkStatsWrapper_t*> m_linkStatsMap;
+    std::set<std::string> m_downLinks;
 
     VekStatsImpl() = default;
     ~VekStatsImpl() = default;

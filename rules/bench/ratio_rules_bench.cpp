@@ -48,7 +48,7 @@ void BM_RatioRewrite(benchmark::State& state) {
     for (auto& e : params->m_interfaceMap) free(e.second);
     params->m_interfaceMap.clear();
 
-    std::map<std::string, linkStatsWrapper_t*> stats;
+    std::vector<LinkShare> stats;
     for (int i = 0; i < n; ++i) {
         const std::string name = "vek" + std::to_string(i);
         auto* info = static_cast<InterfaceInfo_t*>(calloc(1, sizeof(InterfaceInfo_t)));
@@ -57,10 +57,7 @@ void BM_RatioRewrite(benchmark::State& state) {
         snprintf(info->fwmark, sizeof(info->fwmark), "0x%x", 0x60 + i);
         info->metered = i % 2 == 1;
         params->m_interfaceMap[name] = info;
-        auto* w = new linkStatsWrapper_t();
-        snprintf(w->interfaceName, sizeof(w->interfaceName), "%s", name.c_str());
-        w->interfaceRatio = 1.0f / static_cast<float>(n);
-        stats[name] = w;
+        stats.push_back({name, 1.0f / static_cast<float>(n), info->metered, true});
     }
     IptablesManager* manager = IptablesManager::instance();
     manager->setup_NUV_iptables_FWMARK_chains();
@@ -85,7 +82,6 @@ void BM_RatioRewrite(benchmark::State& state) {
     state.counters["per_command_ms"] = benchmark::Counter(perCommandMs, benchmark::Counter::kAvgIterations);
 
     manager->cleanup_NUV_iptables_FWMARK_chains();
-    for (auto& e : stats) delete e.second;
 }
 
 BENCHMARK(BM_RatioRewrite)->Arg(2)->Arg(4)->Iterations(30)->UseManualTime()->Unit(benchmark::kMillisecond);

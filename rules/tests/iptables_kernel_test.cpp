@@ -23,10 +23,7 @@ TEST_F(RulesKernel, EveryRuleReadsBackOnceAndTeardownRemovesIt) {
     IptablesManager* m = IptablesManager::instance();
     addInterface("vekw0", false, "100", "0x64");
     ASSERT_EQ(m->setup_NUV_iptables_FWMARK_chains(), 0);
-    linkStatsWrapper_t w;
-    snprintf(w.interfaceName, sizeof(w.interfaceName), "vekw0");
-    w.interfaceRatio = 0.7f;
-    std::map<std::string, linkStatsWrapper_t*> stats{{"vekw0", &w}};
+    const std::vector<LinkShare> stats{{"vekw0", 0.7f, false, true}};
     ASSERT_EQ(m->set_VEK_ratio_iptables(stats), 0);
     ASSERT_EQ(m->set_VEK_ratio_iptables(stats), 0);  // the second rewrite replaces the first
     m->setup_NUV_UID_iptables_chains({{"10123", NUV_MODE_VEK}});

@@ -1,6 +1,7 @@
 // Every rule operation as the exact, ordered list of command lines it runs, and its logs.
 #include "config/tests/ParametersTestBase.h"
 #include "rules/IptablesManager.h"
+#include "rules/RuleCommand.h"
 #include "tests/support/FakeNetlink.h"
 
 namespace {
@@ -88,9 +89,7 @@ class Rules : public ParametersTestBase {
         IptablesManager::resetForTesting();
         ParametersTestBase::SetUp();
         netlink.setResponder([this](int, const auto&) {
-            const bool unlocked = pthread_mutex_trylock(&gIptablesMutex) == 0;
-            if (unlocked) pthread_mutex_unlock(&gIptablesMutex);
-            lockHeldDuringDumps.push_back(!unlocked);
+            lockHeldDuringDumps.push_back(IptablesManager::ruleLockHeldForTesting());
             return std::vector<vekd::test::Bytes>{vekd::test::FakeNetlink::done()};
         });
     }
@@ -99,8 +98,7 @@ class Rules : public ParametersTestBase {
         ParametersTestBase::TearDown();
     }
     void expectUnlocked() {
-        ASSERT_EQ(pthread_mutex_trylock(&gIptablesMutex), 0);
-        pthread_mutex_unlock(&gIptablesMutex);
+        ASSERT_FALSE(IptablesManager::ruleLockHeldForTesting());
     }
     IptablesManager* manager() {
         IptablesManager* m = IptablesManager::instance();
@@ -163,7 +161,19 @@ TEST_F(Rules, SkeletonMarkChainsInNameOrderDespiteFailuresAndTeardown) {
     EXPECT_EQ(pipe.commands().at(6), IPT + "nat -I kwop_nat_POSTROUTING_NUV -o " + name + " -j MASQUERADE");
 }
 
-// Each rule takes its share of what those before it left; unmetered links first, null entries skipped.
+// One description gives today's IPv4 line and its IPv6 twin.
+TEST(RuleCommandTest, EachDescriptionGivesBothFamilies) {
+    const struct { RuleCommand rule; std::string v4, v6; } cases[] = {
+        {RuleCommand::filter("-t nat -N kwop_DNS_nat"), "/system/bin/iptables-wrapper-1.0 -w -t nat -N kwop_DNS_nat",
+         "/system/bin/ip6tables-wrapper-1.0 -w -t nat -N kwop_DNS_nat"},
+        {RuleCommand::routing(formatArgs("rule add fwmark %s table %s prio %d", "0x5A", "wlan0", 25000)),
+         "/system/bin/ip-wrapper-1.0 -4 rule add fwmark 0x5A table wlan0 prio 25000", "/system/bin/ip-wrapper-1.0 -6 rule add fwmark 0x5A table wlan0 prio 25000"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(std::make_pair(c.rule.text(), c.rule.text(IpFamily::V6)), std::make_pair(c.v4, c.v6));
+    EXPECT_EQ(formatArgs("%s", std::string(600, 'x').c_str()).size(), 600u) << "never cut";
+}
+
+// Each rule takes its share of what those before it left; unmetered links first.
 TEST_F(Rules, RatioRulesCascadeOverTheConfiguredLinks) {
     const struct { const char* what; std::vector<std::tuple<const char*, bool, float>> links; std::vector<std::pair<std::string, std::string>> rules; } cases[] = {
         {"a zero ratio still gets a rule", {{"a", false, 0.0f}, {"b", false, 1.0f}, {"c", true, 0.0f}}, {{"0.000000", "a"}, {"1.000000", "b"}, {"0.000000", "c"}}},
@@ -171,19 +181,13 @@ TEST_F(Rules, RatioRulesCascadeOverTheConfiguredLinks) {
         {"an unconfigured link gets no rule", {{"a", false, 0.6f}, {"ghost0", false, 0.4f}}, {{"0.600000", "a"}}},
         {"the metered link sorting in between comes last", {{"a", false, 0.2f}, {"b", true, 0.3f}, {"c", false, 0.5f}}, {{"0.200000", "a"}, {"0.625000", "c"}, {"1.000000", "b"}}},
     };
-    std::map<std::string, linkStatsWrapper_t*> stats;
-    std::map<std::string, linkStatsWrapper_t> wrappers;
+    std::vector<LinkShare> stats;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         TearDown();
         SetUp();
-        stats = {{"null0", nullptr}};
-        for (const auto& [name, metered, ratio] : c.links) {
-            if (strcmp(name, "ghost0") != 0) addInterface(name, metered, "1", "0x1");
-            snprintf(wrappers[name].interfaceName, sizeof(wrappers[name].interfaceName), "%s", name);
-            wrappers[name].interfaceRatio = ratio;
-            stats[name] = &wrappers[name];
-        }
+        stats.clear();
+        for (const auto& [name, metered, ratio] : c.links) stats.push_back({name, ratio, metered, strcmp(name, "ghost0") != 0});
         gDebugLogEnabled = 1;
         EXPECT_EQ(manager()->set_VEK_ratio_iptables(stats), 0);
         Lines expected = {IPT + "mangle -F kwop_VEK"};
@@ -249,7 +253,7 @@ TEST_F(Rules, PerUidAndDnsRulesWithTheSocketsDestroyedUnderTheLock) {
 
     // A null interface returns with the lock still held, until reset.
     EXPECT_EQ(manager()->update_NUV_iptables_for_DNS(nullptr, same, same), -1);
-    EXPECT_EQ(pthread_mutex_trylock(&gIptablesMutex), EBUSY);
+    EXPECT_TRUE(IptablesManager::ruleLockHeldForTesting());
     IptablesManager::resetForTesting();
     expectUnlocked();
 }

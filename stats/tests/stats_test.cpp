@@ -21,6 +21,7 @@
 
 #include "config/tests/ParametersTestBase.h"
 #include "rules/IptablesManager.h"
+#include "stats/ShareCalculation.h"
 #include "stats/StatsFileBuilder.h"
 #include "stats/VekStatsImpl.h"
 
@@ -34,9 +35,7 @@ constexpr uint64_t kNowMs = 1700000000000ULL;
 class LockProbePipe : public RecordingCommandPipe {
   public:
     FILE* open(const char* line) override {
-        const int rc = pthread_mutex_trylock(&VekStatsImpl::m_mutex);
-        if (rc == 0) pthread_mutex_unlock(&VekStatsImpl::m_mutex);
-        lockHeld.push_back(rc == EBUSY);
+        lockHeld.push_back(VekStatsImpl::instance()->lockHeldForTesting());
         return RecordingCommandPipe::open(line);
     }
     std::vector<bool> lockHeld;
@@ -63,6 +62,11 @@ class StatsTest : public ParametersTestBase {
     }
     std::string statsPath(const std::string& name) const { return root.at("/proc/vek/" + name + "_mmap"); }
     VekStatsImpl* stats() { return VekStatsImpl::instance(); }
+    std::map<std::string, LinkStatsSnapshot> links() {
+        std::map<std::string, LinkStatsSnapshot> out;
+        for (LinkStatsSnapshot& link : stats()->snapshot(nullptr)) out[link.name] = link;
+        return out;
+    }
     void set(OperId id, int value) { params->m_operParams[id] = value; }
     Estimate estimate() {
         unsigned count = 12345;
@@ -215,17 +219,16 @@ struct Link {
     const char* name;
     bool metered;
     unsigned lre;
-    float previous = 0;       // the share from the turn before
-    bool configured = true;   // false: measured but not in the configuration
+    float previous = 0;  // the share from the turn before
 };
 
-// One turn each, from a fresh store: the links, the turn's figures, the shares (in name order) it hands
-// out, and whether half the summed change is above min_ratio_change (-1: not of interest).
-TEST_F(StatsTest, SharesOfOneTurn) {
+// One turn each: the links, the turn's figures, the shares (in name order) it hands out,
+// and whether half the summed change is above min_ratio_change (-1: not of interest).
+TEST(ShareCalculationTest, SharesOfOneTurn) {
     const auto kMetered = RATIO_CALC_WITH_METERED, kUnmetered = RATIO_CALC_UNMETERED_ONLY, kUnknown = VEK_ratio_calc_process(7);
     const std::vector<Link> two = {{"wlan0", false, 3000}, {"rmnet0", true, 1000}};
     const std::vector<Link> three = {{"wlan0", false, 500}, {"wlan1", false, 0}, {"wlan2", true, 300}};
-    const std::vector<Link> dominant = {{"wlan0", false, 900}, {"wlan1", false, 100}, {"ghost", false, 0, 0.42f, false}};
+    const std::vector<Link> dominant = {{"wlan0", false, 900}, {"wlan1", false, 100}};
     const struct {
         const char* what;
         int wifiThreshold, maxUsage, resetThreshold;
@@ -240,8 +243,8 @@ TEST_F(StatsTest, SharesOfOneTurn) {
         {"no link", 1600, 100, 100, {}, kMetered, 0, 0, 0, {}, 0},
         {"below the threshold metered links fill up", 4000, 100, 100, two, kMetered, 1000, 3000, 3000, {0.25f, 0.75f}, 1},
         {"above it only unmetered links carry; one alone is never reset", 2000, 0, 0, two, kUnmetered, 1000, 3000, 3000, {0.0f, 1.0f}, 1},
-        {"a dominant link gets the fixed share above the reset threshold", 1600, 70, 80, dominant, kUnmetered, 0, 1000, 900, {0.42f, 0.7f, 0.3f}, -1},
-        {"dominance 0.9 is not above 90 %: shares follow the rates", 1600, 70, 90, dominant, kUnmetered, 0, 1000, 900, {0.42f, 0.9f, 0.1f}, -1},
+        {"a dominant link gets the fixed share above the reset threshold", 1600, 70, 80, dominant, kUnmetered, 0, 1000, 900, {0.7f, 0.3f}, -1},
+        {"dominance 0.9 is not above 90 %: shares follow the rates", 1600, 70, 90, dominant, kUnmetered, 0, 1000, 900, {0.9f, 0.1f}, -1},
         {"the remainder goes to the link without estimate", 1000, 100, 100, {{"wlan0", false, 0}, {"wlan1", false, 500}}, kMetered, 0, 500, 500, {0.5f, 0.5f}, -1},
         {"the remainder in equal parts", 1000, 100, 100, {{"wlan0", false, 0}, {"wlan1", false, 400}, {"rmnet0", true, 0}}, kMetered, 0, 400, 400, {0.3f, 0.3f, 0.4f}, -1},
         // Every r is 0: the rest goes to the link without an estimate, not to one whose share merely is 0.
@@ -250,33 +253,21 @@ TEST_F(StatsTest, SharesOfOneTurn) {
         {"nothing down: the rest goes to wlan1", 1000, 100, 100, three, kMetered, 600, 500, 500, {0.5f, 0.25f, 0.25f}, -1},
         {"wlan0 down: its share goes to wlan1 alone", 1000, 100, 100, three, kMetered, 600, 500, 500, {0, 0.75f, 0.25f}, -1, {"wlan0"}},
         {"wlan1 down: no hand-out, the rest scaled up", 1000, 100, 100, three, kMetered, 600, 500, 500, {2.0f / 3, 0, 1.0f / 3}, -1, {"wlan1"}},
-        {"every link down changes nothing", 1000, 100, 100, three, kMetered, 600, 500, 500, {0.5f, 0.25f, 0.25f}, -1, {"wlan0", "wlan1", "wlan2"}},
         {"half the change exactly the minimum", 1600, 100, 100, {{"a", false, 1, 0.25f}, {"b", false, 1, 0.75f}}, kUnmetered, 0, 2, 1, {0.5f, 0.5f}, 0, {}, 25},
         {"half of both changes above it", 1600, 100, 100, {{"a", false, 1, 0.625f}, {"b", false, 3, 0.375f}}, kUnmetered, 0, 4, 3, {0.25f, 0.75f}, 1, {}, 25},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        TearDown();
-        SetUp();
-        set(OPER_WIFI_THRESHOLD, c.wifiThreshold);
-        params->m_vekMaxUsageOnInterface = c.maxUsage;
-        params->m_thresholdToStartReset = c.resetThreshold;
-        params->m_minRatioChange = c.minRatioChange;
-        for (const Link& l : c.links) {
-            if (l.configured) addInterface(l.name, l.metered);
-            auto* record = stats()->m_linkStatsMap[l.name] = new linkStatsWrapper_t();
-            snprintf(record->interfaceName, sizeof(record->interfaceName), "%s", l.name);
-            record->lre = l.lre;
-            record->interfaceRatio = l.previous;
-        }
-        stats()->setDownLinks(c.down);
-        const bool reported = stats()->calcVekRatios(c.mode, c.minRate, c.totalRate, c.maxRate);
-        EXPECT_TRUE(c.reported < 0 || reported == (c.reported == 1));
+        std::map<std::string, ShareInput> byName;
+        for (const Link& l : c.links) byName[l.name] = {static_cast<float>(l.lre), l.metered, c.down.count(l.name) != 0, l.previous};
+        std::vector<ShareInput> inputs;
+        for (const auto& entry : byName) inputs.push_back(entry.second);
+        const ShareResult result = computeShares(c.mode, c.minRate, c.totalRate, c.maxRate, inputs,
+                                                 {c.wifiThreshold, c.minRatioChange, c.resetThreshold, c.maxUsage});
+        EXPECT_TRUE(c.reported < 0 || result.install == (c.reported == 1)) << c.what;
         std::vector<float> shares;
-        for (auto& entry : stats()->m_linkStatsMap) shares.push_back(entry.second->interfaceRatio);
-        EXPECT_THAT(shares, testing::Pointwise(testing::FloatEq(), c.shares));
+        for (const ShareStep& step : result.links) shares.push_back(step.share);
+        EXPECT_THAT(shares, testing::Pointwise(testing::FloatEq(), c.shares)) << c.what;
     }
-    EXPECT_EQ(log.count("calcVekRatios unexpected behavior in calc ratio"), 3u);
 }
 
 // The estimates of a turn, gated and backed by each link's recent best, decide the split.
@@ -314,9 +305,12 @@ TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     stats()->setDownLinks({"wlan0"});
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"0.000000 wlan0", "0.000000 wlan1", "1.000000 rmnet0", "0.000000 rmnet1"}));
-    const linkStatsWrapper_t* wlan = stats()->m_linkStatsMap["wlan0"];
-    EXPECT_EQ(wlan->lre, 0u);
-    EXPECT_TRUE(wlan->history.rates.empty());
+    const LinkStatsSnapshot wlan = links().at("wlan0");
+    EXPECT_EQ(std::make_pair(wlan.estimate, wlan.historyLength), std::make_pair(0u, 0u));
+    // Every link down is as good as none: wlan0 is back.
+    stats()->setDownLinks({"wlan0", "wlan1", "rmnet0", "rmnet1"});
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(ratioRules(), (Rules{"1.000000 wlan0", "0.000000 wlan1", "0.000000 rmnet0", "0.000000 rmnet1"}));
 
     // The link manager maps and unmaps from binder threads while the main
     // loop runs turns; the lock keeps them apart (run under the thread sanitizer).
@@ -327,7 +321,7 @@ TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     });
     while (!done) stats()->evalAndSetVEKInterfaceRatio();
     remapper.join();
-    EXPECT_EQ(stats()->m_linkStatsMap.size(), 4u);
+    EXPECT_EQ(links().size(), 4u);
     EXPECT_EQ(std::count(pipe.lockHeld.begin(), pipe.lockHeld.end(), false), 0);
 }
 
@@ -363,16 +357,17 @@ TEST_F(StatsTest, EnableSendsTheCommandsAndMapsEveryLinkDisableAndFinalizeUnmap)
         EXPECT_EQ(st.st_size, 20480);
     }
     // Not ready until the publisher fills the very file the daemon mapped.
-    VekStatsData* data = stats()->m_linkStatsMap.at("wlan0")->statsData;
-    EXPECT_EQ(data->linkRateEstimate(nullptr, "wlan0"), 0u);
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(links().at("wlan0").estimate, 0u);
     publish("wlan0", false, 1024);
-    EXPECT_EQ(data->linkRateEstimate(nullptr, "wlan0"), 1000u);
+    stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(links().at("wlan0").estimate, 1000u);
     files.clear();  // the publisher's own mapping
 
     gDebugLogEnabled = 1;
     ASSERT_TRUE(stats()->enableVEK(false));
     EXPECT_TRUE(log.contains("writeStatsConfFile:enable=0"));
-    EXPECT_TRUE(stats()->m_linkStatsMap.empty());
+    EXPECT_TRUE(links().empty());
     EXPECT_FALSE(mapped(statsPath("wlan0")));
     stats()->initMmap();
     VekStatsImpl::finalize();
@@ -400,9 +395,9 @@ TEST_F(StatsTest, UnmappableStatsFileIsTriedThreeTimes) {
     EXPECT_FALSE(log.contains("getStatsMmap")) << "a verbose line while the verbose flag is off";
     struct stat made {};  // readable by the daemon, written only by the publisher
     EXPECT_EQ(stat(statsPath("rmnet0").c_str(), &made) == 0 ? made.st_mode & 07777 : 0, 0644u & ~umask(022));
-    EXPECT_EQ(stats()->m_linkStatsMap.at("wlan0")->statsData, nullptr);
-    EXPECT_EQ(stats()->m_linkStatsMap.at("wlan1")->statsData, nullptr);
-    EXPECT_NE(stats()->m_linkStatsMap.at("rmnet0")->statsData, nullptr);
+    EXPECT_FALSE(links().at("wlan0").measured);
+    EXPECT_FALSE(links().at("wlan1").measured);
+    EXPECT_TRUE(links().at("rmnet0").measured);
 }
 
 }  // namespace
