@@ -312,8 +312,16 @@ void NuvManager::snapshot(vekd::report::Snapshot* out) {
                                        info.isDefault, info.cost, info.bias, info.dnsServer});
         }
     }
-    if (m_stats != nullptr) {
-        for (const LinkStatsSnapshot& link : m_stats->snapshot(m_iptables)) {
+    VekStatsImpl* stats;
+    IptablesManager* rules;
+    {
+        // Set by the configuration path and the UID operations under the rule lock.
+        RuleLock lock;
+        stats = m_stats;
+        rules = m_iptables;
+    }
+    if (stats != nullptr) {
+        for (const LinkStatsSnapshot& link : stats->snapshot(rules)) {
             vekd::report::LinkRow row;
             row.name = link.name;
             row.measured = link.measured;

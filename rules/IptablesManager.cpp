@@ -10,9 +10,9 @@
 
 #include "config/Parameters.h"
 #include "foundation/CommandRunner.h"
+#include "foundation/Counters.h"
 #include "foundation/DebugFlag.h"
 #include "rules/RuleCommand.h"
-#include "foundation/Counters.h"
 #include "sockdiag/SockDiag.h"
 
 namespace {

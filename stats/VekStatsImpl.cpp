@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "config/Parameters.h"
-#include "rules/IptablesManager.h"
 #include "foundation/DebugFlag.h"
 #include "platform/Clock.h"
 #include "platform/Root.h"
+#include "rules/IptablesManager.h"
 #include "stats/StatsFileAccess.h"
 
 namespace {
