@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int t = 0; t < turns; ++t) {
         world->clock.setNowMs(now);
         stats->evalAndSetVEKInterfaceRatio();
-        for (const LinkStatsSnapshot& link : stats->snapshot(nullptr)) {
+        for (const vekd::report::LinkRow& link : stats->snapshot(nullptr)) {
             FUZZ_CHECK(std::isfinite(link.computedShare));
         }
         now += block[1] >> 2;

@@ -235,12 +235,12 @@ void NuvManager::notifyWlanHasInternet(bool hasInternet) {
 std::optional<InterfaceInfo_t> NuvManager::chooseDnsInterface(bool hasInternet) const {
     const std::set<std::string> down = m_linkMonitor->downLinks();
     const std::map<std::string, InterfaceInfo_t> configured = m_params->interfaces();
-    const std::vector<LinkStatsSnapshot> measured = m_stats->snapshot(nullptr);
+    const std::vector<vekd::report::LinkRow> measured = m_stats->snapshot(nullptr);
     // The walk for one preference; `skippedDown` tells that a link it would
     // have taken is down.
     auto walk = [&](bool wlan, bool* skippedDown) -> const InterfaceInfo_t* {
         const InterfaceInfo_t* choice = nullptr;
-        for (const LinkStatsSnapshot& link : measured) {
+        for (const vekd::report::LinkRow& link : measured) {
             auto found = configured.find(link.name);
             if (found == configured.end()) continue;
             const InterfaceInfo_t* info = &found->second;
@@ -320,20 +320,7 @@ void NuvManager::snapshot(vekd::report::Snapshot* out) {
         stats = m_stats;
         rules = m_iptables;
     }
-    if (stats != nullptr) {
-        for (const LinkStatsSnapshot& link : stats->snapshot(rules)) {
-            vekd::report::LinkRow row;
-            row.name = link.name;
-            row.measured = link.measured;
-            row.estimate = link.estimate;
-            row.historyMax = link.historyMax;
-            row.historyLength = link.historyLength;
-            row.samples = link.samples;
-            row.computedShare = link.computedShare;
-            row.installedShare = link.installedShare;
-            out->links.push_back(std::move(row));
-        }
-    }
+    if (stats != nullptr) out->links = stats->snapshot(rules);
     {
         RuleLock rules;
         for (const auto& [uid, mode] : m_uidModes) out->uids.push_back({uid, static_cast<int32_t>(mode)});

@@ -205,15 +205,15 @@ void VekStatsImpl::addLinkForTesting(const std::string& name, void* map) {
     slot = record;
 }
 
-std::vector<LinkStatsSnapshot> VekStatsImpl::snapshot(const IptablesManager* rules) const {
+std::vector<vekd::report::LinkRow> VekStatsImpl::snapshot(const IptablesManager* rules) const {
     std::lock_guard<std::mutex> lock(m_mutex);
     // Under the lock the rewrite holds: the shares installed for these records.
     const std::map<std::string, float> installed =
         rules != nullptr ? rules->installedShares() : std::map<std::string, float>();
-    std::vector<LinkStatsSnapshot> out;
+    std::vector<vekd::report::LinkRow> out;
     for (const auto& [name, record] : m_linkStatsMap) {
         if (record == nullptr) continue;
-        LinkStatsSnapshot link;
+        vekd::report::LinkRow link;
         link.name = name;
         link.measured = record->statsData != nullptr;
         link.estimate = record->lre;

@@ -9,33 +9,20 @@
 // shares lock is taken under it (by the rewrite and by snapshot).
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "config/InterfaceInfo.h"
+#include "report/Snapshot.h"
 #include "stats/LinkStatsWrapper.h"
 #include "stats/VekRatioCalc.h"
 #include "stats/VekStatsData.h"
 
 class IptablesManager;
 class Parameters;
-
-// One link of the engine, as a copy taken under its lock.
-struct LinkStatsSnapshot {
-    std::string name;
-    bool measured = false;        // its statistics file is mapped
-    uint32_t estimate = 0;        // kbit/s, this turn's after gating
-    uint32_t historyMax = 0;      // kbit/s
-    uint32_t historyLength = 0;   // estimates kept
-    uint32_t samples = 0;         // counted by this turn's estimate
-    float computedShare = 0.0f;
-    std::optional<float> installedShare;  // none: no rule written for it yet
-};
 
 class VekStatsImpl {
   public:
@@ -80,8 +67,9 @@ class VekStatsImpl {
     // shares scaled to add up to 1. Ignored when it names every link.
     void setDownLinks(std::set<std::string> down);
 
-    // Every link in name order, with the share `rules` last installed.
-    std::vector<LinkStatsSnapshot> snapshot(const IptablesManager* rules) const;
+    // Every link in name order, copied under the lock, with the share
+    // `rules` last installed (no health: that is the link monitor's).
+    std::vector<vekd::report::LinkRow> snapshot(const IptablesManager* rules) const;
     // Tests: whether some thread holds the lock.
     bool lockHeldForTesting() const;
     // Tests and fuzzing: a record for `name` over a mapping of a statistics

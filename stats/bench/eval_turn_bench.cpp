@@ -127,7 +127,7 @@ void runTurns(benchmark::State& state, bool wholeRing, bool moveSplit) {
     state.counters["rewrites"] =
         benchmark::Counter(static_cast<double>(rewrites), benchmark::Counter::kAvgIterations);
     unsigned samples = 0;
-    for (const LinkStatsSnapshot& link : stats->snapshot(nullptr)) samples = link.name == "wlan0" ? link.samples : samples;
+    for (const vekd::report::LinkRow& link : stats->snapshot(nullptr)) samples = link.name == "wlan0" ? link.samples : samples;
     state.counters["samples_per_link"] = samples;
 }
 

@@ -62,9 +62,9 @@ class StatsTest : public ParametersTestBase {
     }
     std::string statsPath(const std::string& name) const { return root.at("/proc/vek/" + name + "_mmap"); }
     VekStatsImpl* stats() { return VekStatsImpl::instance(); }
-    std::map<std::string, LinkStatsSnapshot> links() {
-        std::map<std::string, LinkStatsSnapshot> out;
-        for (LinkStatsSnapshot& link : stats()->snapshot(nullptr)) out[link.name] = link;
+    std::map<std::string, vekd::report::LinkRow> links() {
+        std::map<std::string, vekd::report::LinkRow> out;
+        for (vekd::report::LinkRow& link : stats()->snapshot(nullptr)) out[link.name] = link;
         return out;
     }
     void set(OperId id, int value) { params->m_operParams[id] = value; }
@@ -305,7 +305,7 @@ TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     stats()->setDownLinks({"wlan0"});
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"0.000000 wlan0", "0.000000 wlan1", "1.000000 rmnet0", "0.000000 rmnet1"}));
-    const LinkStatsSnapshot wlan = links().at("wlan0");
+    const vekd::report::LinkRow wlan = links().at("wlan0");
     EXPECT_EQ(std::make_pair(wlan.estimate, wlan.historyLength), std::make_pair(0u, 0u));
     // Every link down is as good as none: wlan0 is back.
     stats()->setDownLinks({"wlan0", "wlan1", "rmnet0", "rmnet1"});
