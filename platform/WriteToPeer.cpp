@@ -3,6 +3,7 @@
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -44,21 +45,30 @@ class NoSigpipe {
 
 }  // namespace
 
-bool writeToPeer(int fd, const std::string& text, int stallMs) {
+bool writeToPeer(int fd, const std::string& text, int deadlineMs) {
     NoSigpipe guard;
+    struct timespec start {};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    const auto elapsedMs = [&start] {
+        struct timespec now {};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
+    };
     size_t done = 0;
     while (done < text.size()) {
+        const long left = deadlineMs - elapsedMs();
         struct pollfd p = {fd, POLLOUT, 0};
-        const int ready = ::poll(&p, 1, stallMs);
+        const int ready = left > 0 ? ::poll(&p, 1, static_cast<int>(left)) : 0;
         if (ready < 0 && errno == EINTR) continue;
         if (ready == 0) errno = ETIMEDOUT;
         if (ready <= 0) return false;
-        // At most PIPE_BUF at once: a pipe that polled writable takes that
-        // much without blocking.
+        // At most PIPE_BUF at once, never waiting: a pipe that polled
+        // writable takes that much, a socket takes what it has room for.
         size_t chunk = text.size() - done;
         if (chunk > PIPE_BUF) chunk = PIPE_BUF;
-        const ssize_t n = ::write(fd, text.data() + done, chunk);
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = ::send(fd, text.data() + done, chunk, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0 && errno == ENOTSOCK) n = ::write(fd, text.data() + done, chunk);
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n <= 0) return false;
         done += static_cast<size_t>(n);
     }

@@ -1,6 +1,6 @@
-// Writes a text to a descriptor that another process handed over (the
-// report's pipe): a reader that went away raises no SIGPIPE, and one that
-// stops reading holds the writer up for at most `stallMs` at a time.
+// Writes a text to a pipe or socket that another process handed over (the
+// report's): a reader that went away raises no SIGPIPE, and the whole text
+// must be taken within `deadlineMs`, however the reader paces its reads.
 #pragma once
 
 #include <string>
@@ -8,6 +8,6 @@
 namespace vekd::platform {
 
 // False, with errno set, when not all of the text could be written.
-bool writeToPeer(int fd, const std::string& text, int stallMs);
+bool writeToPeer(int fd, const std::string& text, int deadlineMs);
 
 }  // namespace vekd::platform

@@ -29,6 +29,15 @@ std::string oneLine(std::string text) {
     return text;
 }
 
+// Configuration values (interface texts come from any client) are cut to
+// this length, so that nobody can make the report grow without bound.
+constexpr size_t kMaxValueShown = 256;
+
+std::string shownValue(const std::string& value) {
+    if (value.size() <= kMaxValueShown) return oneLine(value);
+    return oneLine(value.substr(0, kMaxValueShown)) + "... (" + std::to_string(value.size()) + " bytes)";
+}
+
 // Left-aligned columns, two blanks apart, indented by two.
 void appendTable(std::string* out, const Row& titles, const std::vector<Row>& rows) {
     std::vector<Row> clean;
@@ -168,7 +177,7 @@ std::string formatReport(const Snapshot& s, const counters::CounterValues& count
            "\n";
     appendCounters(&out, counters);
     out += "\nconfiguration:\n";
-    for (const auto& [key, value] : s.config) out += "  " + key + "=" + oneLine(value) + "\n";
+    for (const auto& [key, value] : s.config) out += "  " + key + "=" + shownValue(value) + "\n";
     return out;
 }
 

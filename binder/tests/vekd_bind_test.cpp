@@ -68,10 +68,11 @@ TEST(Stub, EveryCodeIsDispatchedLoggedAndAnsweredWithOneZero) {
 }
 
 
-enum class Reader { Reads, Gone, Stuck };
+enum class Reader { Reads, Gone, Stuck, File };
 
 // A dump's report, or "status N". A reader that is gone closed the pipe's read
-// end before the call; a stuck one filled the pipe and reads nothing.
+// end before the call; a stuck one filled the pipe and reads nothing; File
+// hands over a regular file instead of a pipe.
 std::string takeDump(const sp<android::IBinder>& vekd, const std::function<void(Parcel&)>& parcel,
                      Reader reader = Reader::Reads) {
     int fds[2];
@@ -82,10 +83,12 @@ std::string takeDump(const sp<android::IBinder>& vekd, const std::function<void(
     }
     fcntl(fds[1], F_SETFL, 0);
     if (reader == Reader::Gone) close(fds[0]);
+    FILE* file = tmpfile();
     Parcel data, reply;
-    data.writeFileDescriptor(fds[1]);
+    data.writeFileDescriptor(reader == Reader::File ? fileno(file) : fds[1]);
     parcel(data);
     const android::status_t status = vekd->transact(android::IBinder::DUMP_TRANSACTION, data, &reply);
+    fclose(file);
     close(fds[1]);
     std::string text;
     char buf[4096];
@@ -164,6 +167,7 @@ TEST(VekdService, EightClientsAtOnceAreAnsweredWhileTheLoopEvaluatesAndAnyDumpIs
         {[](Parcel& p) { p.writeInt32(2), p.writeInt32(1 << 30); }, Reader::Reads, "vekd report\n"},  // damaged argument
         {noArgs, Reader::Gone, "status " + std::to_string(android::FAILED_TRANSACTION)},
         {noArgs, Reader::Stuck, "status " + std::to_string(android::TIMED_OUT)},  // given up after 5 s
+        {noArgs, Reader::File, "status " + std::to_string(android::BAD_VALUE)},  // only a pipe or a socket
     };
     for (const auto& c : cases) EXPECT_EQ(takeDump(lookUp(), c.parcel, c.reader).rfind(c.expected, 0), 0u) << c.expected;
     Parcel data, reply;  // no descriptor where one belongs

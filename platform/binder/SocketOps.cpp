@@ -36,7 +36,10 @@ class RealSocketOps : public SocketOps {
     int bind(int fd, const std::string& path) override {
         sockaddr_un addr;
         if (!fillAddress(path, &addr)) return -1;
-        return ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) return -1;
+        // The daemon's user and group may connect, whatever the umask of
+        // whoever started it.
+        return ::chmod(path.c_str(), 0660);
     }
     int listen(int fd, int backlog) override { return ::listen(fd, backlog); }
     int accept(int listenFd) override {
@@ -139,7 +142,11 @@ class RealSocketOps : public SocketOps {
             pos = path.find('/', pos + 1);
             partial = path.substr(0, pos);
             if (partial.empty()) continue;
-            if (::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
+            if (::mkdir(partial.c_str(), 0755) == 0) {
+                ::chmod(partial.c_str(), 0755);  // not narrowed by the umask
+            } else if (errno != EEXIST) {
+                return false;
+            }
         }
         struct stat st;
         return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);

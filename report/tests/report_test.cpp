@@ -16,18 +16,18 @@ TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
     s.uids = {{"10123", 1}};
     s.dnsInterface = "wlan0";
     s.dnsServer = "192.168.1.1";
-    s.config = {{"wifi_threshold", "1600"}, {"interface_0", "a\nb"}};
+    s.config = {{"wifi_threshold", "1600"}, {"interface_0", "a\nb"}, {"interface_1", std::string(20000, 'x')}};
     counters::countSocketsDestroyed(3);  // the first count of this process: counters start at zero
     for (uint32_t code : {1u, 1u, 0x5f444d50u, 0x1000u}) counters::countTransaction(code);
     const vekd::counters::CounterValues counters = vekd::counters::readCounters();
     const std::string off = formatReport(s, counters, "");
-    for (const char* expected :
-         {"run_state 2 (interfaces configured, evaluating)\n",
+    for (const std::string& expected :
+         std::vector<std::string>{"run_state 2 (interfaces configured, evaluating)\n",
           "  wlan0        wlan0  0x5A  no       yes      10    0     192.168.1.1\n",
           "links: 2 (link monitor off)\n",
           "  wlan0        yes       963            1000              5        120      0.600           0.500\n",
           "  rmnet_data0  no        0              0                 0        0        0.000           -\n",
-          "  10123  1\n", "dns: wlan0 server 192.168.1.1\n", "  sockets_destroyed 3\n", "  interface_0=a?b\n",
+          "  10123  1\n", "dns: wlan0 server 192.168.1.1\n", "  sockets_destroyed 3\n", "  interface_0=a?b\n", "  interface_1=" + std::string(256, 'x') + "... (20000 bytes)\n",
           "  transactions updateUidNuv=2 removeUidNuv=0 notifyWlanInetNuv=0 updateIfaceParamNuv=0 notifyIfaceParamReadyNuv=0 ping=0 interface=0 dump=1 other=1\n"}) {
         EXPECT_NE(off.find(expected), std::string::npos) << expected << "\nin\n" << off;
     }

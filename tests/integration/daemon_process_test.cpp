@@ -1,10 +1,17 @@
 // The daemon as a process, driven only through vekctl, against wrappers that
 // record every command line: start-up, the wire, the wrappers really run, the
 // module's FIFO and the end. Command orders are checked against the classes.
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <regex>
+#include <thread>
 
 #include "sockdiag/tests/LoopbackSockets.h"
 #include "tests/support/DaemonProcess.h"
@@ -82,6 +89,44 @@ TEST(DaemonProcess, DrivenThroughVekctlFromStartToShutdown) {
     EXPECT_TRUE(controlEnds("enable=0"));
     EXPECT_TRUE(d.called(kIpt + "<mangle><-D><OUTPUT><-j><kwop_NUV>"));
     EXPECT_TRUE(d.process->running()) << "the process idles after shutdown instead of exiting";
+}
+
+// A reader that never reads holds one dump, for at most 5 s: other dumps are
+// told busy and other calls answer meanwhile. A stranger gets no report.
+TEST(DaemonProcess, AStuckDumpHoldsNothingElseAndStrangersGetNoReport) {
+    VEKD_REQUIRE_PRIVATE_NETNS();  // the stranger needs root to become one
+    vekd::test::Vekd d("");
+    ASSERT_TRUE(d.start());
+    android::ProcessState::initWithDriver("/dev/vndbinder");
+    android::sp<android::IBinder> service = android::defaultServiceManager()->checkService(android::String16("vekd"));
+    ASSERT_NE(service, nullptr);
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    const std::string page(4096, 'x');
+    while (write(fds[1], page.data(), page.size()) > 0) {
+    }
+    std::atomic<int> stuckStatus{1};
+    std::thread stuck([&] {
+        android::Parcel data, reply;
+        data.writeFileDescriptor(fds[1]);
+        data.writeInt32(0);
+        stuckStatus = service->transact(android::IBinder::DUMP_TRANSACTION, data, &reply);
+    });
+    std::string err;
+    EXPECT_TRUE(vekd::test::eventually([&] { return d.vekctl({"dump"}, &err) == 1 && err.find("resource busy") != std::string::npos; }, 3s)) << err;
+    EXPECT_EQ(d.vekctl({"ping"}), 0);
+    EXPECT_EQ(stuckStatus.load(), 1) << "the ping was answered while the stuck dump still ran";
+    stuck.join();
+    EXPECT_EQ(stuckStatus.load(), android::TIMED_OUT);
+    close(fds[0]);
+    close(fds[1]);
+
+    constexpr int kStranger = 4321;  // given the socket's group, so that it may connect
+    ASSERT_EQ(chmod(d.root.path().c_str(), 0755) | chown(d.root.at("/dev/vndbinder/vekd").c_str(), -1, kStranger), 0);
+    EXPECT_EQ(d.vekctl({"dump"}, &err, kStranger), 1);
+    EXPECT_NE(err.find("permission denied"), std::string::npos) << err;
+    EXPECT_TRUE(d.process->waitForLog("dump refused to uid 4321"));
+    EXPECT_EQ(d.vekctl({"ping"}, &err, kStranger), 0) << err;
 }
 
 TEST(DaemonProcess, ArgumentsAreAnsweredWithoutStarting) {

@@ -2,6 +2,7 @@
 #include "tests/support/NetNamespace.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,7 +17,7 @@ namespace vekd::test {
 namespace {
 
 pid_t spawn(const std::string& program, const std::vector<std::string>& args, const std::string& root, int out,
-            int err) {
+            int err, int asUser = -1) {
     std::vector<char*> argv = {const_cast<char*>(program.c_str())};
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
@@ -26,6 +27,7 @@ pid_t spawn(const std::string& program, const std::vector<std::string>& args, co
         dup2(out, STDOUT_FILENO);
         dup2(err, STDERR_FILENO);
         setenv("VEKD_ROOT", root.c_str(), 1);
+        if (asUser >= 0 && (setgroups(0, nullptr) != 0 || setgid(asUser) != 0 || setuid(asUser) != 0)) _exit(126);
         execv(program.c_str(), argv.data());
         _exit(127);
     }
@@ -82,10 +84,10 @@ int DaemonProcess::stop(int signal, std::chrono::milliseconds timeout) {
 }
 
 int runProgram(const std::string& program, const std::vector<std::string>& args, const std::string& root,
-               std::string* out, std::string* err) {
+               std::string* out, std::string* err, int asUser) {
     FILE* outFile = tmpfile();
     FILE* errFile = tmpfile();
-    const pid_t pid = spawn(program, args, root, fileno(outFile), fileno(errFile));
+    const pid_t pid = spawn(program, args, root, fileno(outFile), fileno(errFile), asUser);
     int status = 0;
     // Bounded: a daemon that stops answering must fail the test, not hang it.
     const auto exited = [&] { return waitpid(pid, &status, WNOHANG) == pid; };

@@ -40,10 +40,12 @@ class DaemonProcess {
     std::string m_logFile;
 };
 
-// Runs a program to completion with VEKD_ROOT=`root`: its exit code (-1: no
-// normal exit, -2: killed after 30 s), stdout and stderr.
+// Runs a program to completion with VEKD_ROOT=`root`, as user and group
+// `asUser` when given: its exit code (-1: no normal exit, -2: killed after
+// 30 s), stdout and stderr.
 int runProgram(const std::string& program, const std::vector<std::string>& args,
-               const std::string& root, std::string* out = nullptr, std::string* err = nullptr);
+               const std::string& root, std::string* out = nullptr, std::string* err = nullptr,
+               int asUser = -1);
 
 inline constexpr const char* kWlanParams = "wlan0,0,wlan0,0x5A,1,10,0,10.1.0.1";
 inline constexpr const char* kWwanParams = "rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1";
@@ -58,8 +60,8 @@ class Vekd {
     // (Re)starts vekd with a fresh log; start() also waits for its service.
     void launch();
     testing::AssertionResult start();
-    int vekctl(const std::vector<std::string>& args, std::string* err = nullptr) const {
-        return runProgram(binaryPath("vekctl"), args, root.path(), nullptr, err);
+    int vekctl(const std::vector<std::string>& args, std::string* err = nullptr, int asUser = -1) const {
+        return runProgram(binaryPath("vekctl"), args, root.path(), nullptr, err, asUser);
     }
     bool answersPing() const { return vekctl({"ping"}) == 0; }
     bool configureTwoLinks() const;

@@ -102,8 +102,13 @@ class BinderTest : public ::testing::Test {
   protected:
     void SetUp() override {
         vekd::binder::resetForTesting();
+        const mode_t umaskBefore = umask(077);  // a restrictive starter changes no mode
         ProcessState::initWithDriver("/dev/vndbinder");
         ASSERT_EQ(defaultServiceManager()->addService(String16("echo"), m_service), NO_ERROR);
+        umask(umaskBefore);
+        struct stat dir {}, sock {};
+        ASSERT_EQ(stat(m_root.at("/dev/vndbinder").c_str(), &dir) | stat(m_root.at("/dev/vndbinder/echo").c_str(), &sock), 0);
+        ASSERT_EQ(std::make_pair(dir.st_mode & 07777, sock.st_mode & 07777), std::make_pair(mode_t{0755}, mode_t{0660}));
         ProcessState::self()->startThreadPool();
         ASSERT_NE(m_binder = defaultServiceManager()->checkService(String16("echo")), nullptr);
     }
