@@ -13,6 +13,10 @@ struct HealthSettings {
     int32_t lostToDown = 5;     // "min_ping_times"
     int32_t answeredToUp = 1;   // "n_hyst"
     int32_t alphaPercent = 60;  // weight of a new round-trip time
+
+    bool operator==(const HealthSettings& o) const {
+        return lostToDown == o.lostToDown && answeredToUp == o.answeredToUp && alphaPercent == o.alphaPercent;
+    }
 };
 
 class HealthTracker {

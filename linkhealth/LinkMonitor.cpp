@@ -25,8 +25,21 @@ LinkMonitor::~LinkMonitor() { stop(); }
 
 void LinkMonitor::start(const MonitorSettings& settings, const std::vector<MonitoredLink>& links) {
     std::lock_guard<std::mutex> run(m_runMutex);
+    std::vector<Link> previous;
+    MonitorSettings was;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        previous = m_links;
+        was = m_settings;
+    }
     stopLocked();
     if (!settings.enabled()) return;
+    {
+        // begin() keeps the health of every link that did not change.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_links = std::move(previous);
+        m_settings = was;
+    }
     begin(settings, links);
     m_stopping = false;
     m_thread = std::thread([this] {
@@ -55,11 +68,20 @@ void LinkMonitor::stopLocked() {
 
 void LinkMonitor::begin(const MonitorSettings& settings, const std::vector<MonitoredLink>& links) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    // A link configured again as it was keeps its health; a new or changed
+    // one, or any link under changed health rules, starts fresh.
+    const bool sameRules = m_settings.enabled() && m_settings.health == settings.health;
+    const std::vector<Link> previous = std::move(m_links);
     m_settings = settings;
     if (m_settings.timeoutMs <= 0) m_settings.timeoutMs = m_settings.periodMs;
     m_links.clear();
     for (size_t i = 0; i < links.size(); ++i) {
         m_links.push_back(Link{links[i], HealthTracker(m_settings.health), false, 0, 0, 0, {}});
+        for (const Link& was : previous) {
+            if (sameRules && was.config.name == links[i].name && was.config.mark == links[i].mark) {
+                m_links.back().tracker = was.tracker;
+            }
+        }
         prober().open(i, links[i].name, links[i].mark);
     }
     m_resolved = false;

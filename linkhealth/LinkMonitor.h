@@ -40,8 +40,9 @@ class LinkMonitor {
     LinkMonitor(const LinkMonitor&) = delete;
     LinkMonitor& operator=(const LinkMonitor&) = delete;
 
-    // Stops any earlier run, then probes `links` from a thread of its own.
-    // Does nothing when the settings switch the monitor off.
+    // Stops any earlier run, then probes `links` from a thread of its own; a
+    // link configured as before keeps its health. Does nothing when the
+    // settings switch the monitor off.
     void start(const MonitorSettings& settings, const std::vector<MonitoredLink>& links);
     // Ends the thread and closes the sockets; every link counts as up again.
     void stop();

@@ -273,8 +273,9 @@ void NuvManager::startLinkMonitor() {
     for (const auto& [name, info] : m_params->interfaces()) {
         links.push_back({name, static_cast<uint32_t>(strtoul(info.fwmark, nullptr, 0))});
     }
-    if (settings.enabled()) m_stats->setDownLinks({});
     m_linkMonitor->start(settings, links);
+    // Links configured as before keep their health; the rest start up.
+    if (settings.enabled()) m_stats->setDownLinks(m_linkMonitor->downLinks());
 }
 
 void NuvManager::onLinkHealthChange() {

@@ -97,8 +97,13 @@ int VekStatsImpl::evalAndSetVEKInterfaceRatio() {
     VEK_ratio_calc_process mode = static_cast<int64_t>(totalUnmetered) <= wifiThreshold
                                       ? RATIO_CALC_WITH_METERED
                                       : RATIO_CALC_UNMETERED_ONLY;
+    // A link going down or coming back always reaches the rules, however
+    // small the shares it moves (only the link monitor marks links down).
+    const bool healthChanged = down != m_downInLastTurn;
+    m_downInLastTurn = down;
     if (calcVekRatios(mode, static_cast<float>(totalMetered), static_cast<float>(totalUnmetered),
-                      static_cast<float>(maxUnmetered), configured, down)) {
+                      static_cast<float>(maxUnmetered), configured, down) ||
+        healthChanged) {
         // Still under the lock: the rules follow the records' shares.
         std::vector<LinkShare> shares;
         for (const auto& [name, record] : m_linkStatsMap) {

@@ -90,6 +90,7 @@ class VekStatsImpl {
     // Interface name -> record; owns the records.
     std::map<std::string, linkStatsWrapper_t*> m_linkStatsMap;
     std::set<std::string> m_downLinks;
+    std::set<std::string> m_downInLastTurn;  // the down links the last turn acted on
 
     VekStatsImpl() = default;
     ~VekStatsImpl() = default;

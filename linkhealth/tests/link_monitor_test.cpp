@@ -60,6 +60,8 @@ TEST(Monitor, ProbingFromResolvingToDownUpAndAllDown) {
     EXPECT_LE(runFor(60000, true), 5 * 250) << "the probe in flight plus four periods, at most";
     EXPECT_EQ(monitor.downLinks(), std::set<std::string>{"rmnet_data0"});
     EXPECT_EQ(log.count("link rmnet_data0 down: 4 probes lost in a row"), 1u);
+    monitor.begin(settings, {{"wlan0", 0x5A}, {"rmnet_data0", 0x5B}});  // configured again as it was
+    EXPECT_EQ(monitor.downLinks(), std::set<std::string>{"rmnet_data0"});
     prober.setRtt(1, 30);
     runFor(2 * 250 + 100);
     EXPECT_TRUE(monitor.downLinks().empty());
@@ -70,7 +72,9 @@ TEST(Monitor, ProbingFromResolvingToDownUpAndAllDown) {
     prober.setRtt(1, -1);
     runFor(3000);
     EXPECT_TRUE(monitor.downLinks().empty());
-    EXPECT_EQ(prober.resolves, 3) << "with every link down the target is looked up again";
+    EXPECT_EQ(prober.resolves, 4) << "each run begun looks it up, and so does every link down";
+    monitor.begin(settings, {{"wlan0", 0x5A}, {"rmnet_data0", 0x5C}});  // a changed link starts fresh
+    EXPECT_EQ(std::make_pair(monitor.snapshot().at("wlan0").lostInRow > 0, monitor.snapshot().at("rmnet_data0").lostInRow), std::make_pair(true, 0));
     settings.periodMs = 0;  // off: the run ends and nothing starts
     monitor.start(settings, {{"wlan0", 0x5A}});
     EXPECT_TRUE(monitor.snapshot().empty());

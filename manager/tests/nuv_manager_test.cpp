@@ -193,6 +193,10 @@ TEST_F(Manager, ADeadLinkLosesItsShareAndTheDnsAtOnce) {
     // The DNS choice, as the rules show it (the choice itself is being written).
     const std::string dnsTo = kIpt + "mangle -A kwop_DNS --match multiport -p udp --dport 53 -j kwop_fw_";
     EXPECT_TRUE(waitFor([&] { return !commandsWith(dnsTo + "wlan0").empty(); }));
+    m->configInterfaceRelatedParams();  // the same links again: rmnet_data0 stays down
+    pipe.clear();
+    m->adjustParameters();
+    EXPECT_TRUE(commandsWith("-A kwop_VEK").empty());
     stop = true;
     binder.join();
     m->cleanup();

@@ -301,7 +301,9 @@ TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"1.000000 wlan0", "0.000000 wlan1", "0.000000 rmnet0", "0.000000 rmnet1"}));
 
-    // A down link loses its estimate and history; rmnet0 takes all.
+    // A down link loses its estimate and history; rmnet0 takes all, even
+    // though min_ratio_change would let no move of the shares through.
+    params->m_minRatioChange = 100;
     stats()->setDownLinks({"wlan0"});
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"0.000000 wlan0", "0.000000 wlan1", "1.000000 rmnet0", "0.000000 rmnet1"}));
