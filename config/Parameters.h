@@ -6,7 +6,8 @@
 // never destroyed (tests use resetForTesting). Its one lock, m_interfaceMutex,
 // guards the interface slots and the configured-interface map: the slots are
 // written from binder threads, the map is rebuilt from them while the main
-// loop's turn and the report read it. A leaf: nothing else is taken under it.
+// loop's turn and the report read it. Nothing else is taken under it (the
+// lock order: manager/NuvManager.h).
 // Other readers of the map (the rule manager's walks) run on the link
 // manager's configuration path, which never overlaps a rebuild.
 #pragma once

@@ -90,13 +90,15 @@ class LinkMonitor {
     void stopLocked();
 
     const std::function<void()> m_onChange;
+    // Guards the settings, the links and the target; held for a turn's
+    // bookkeeping, never while waiting for the network or calling out.
     mutable std::mutex m_mutex;
     MonitorSettings m_settings;
     std::vector<Link> m_links;
     uint32_t m_address = 0;
     bool m_resolved = false;
     int64_t m_nextResolveMs = 0;
-    std::mutex m_runMutex;  // serialises start and stop
+    std::mutex m_runMutex;  // serialises start and stop; taken before m_mutex
     std::atomic<bool> m_stopping{false};
     std::thread m_thread;
 };

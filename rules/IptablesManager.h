@@ -13,11 +13,12 @@
 
 class Parameters;
 
-// Locks, both owned here and taken by nothing else:
+// Locks, both owned here and taken by nothing else (their place in the lock
+// order: manager/NuvManager.h):
 // - the rule lock (in IptablesManager.cpp) serialises the per-UID and DNS
-//   operations; the link manager's rule lock is taken before it;
-// - m_sharesMutex guards the shares the last ratio rewrite installed; a
-//   leaf, held for a copy only.
+//   operations;
+// - m_sharesMutex guards the shares the last ratio rewrite installed; held
+//   for a copy or an update only.
 class IptablesManager {
   public:
     static IptablesManager* instance();

@@ -5,8 +5,7 @@
 // Its lock (m_mutex) guards the interface map, the records in it and the
 // down links. It is taken by initMmap, freeMmap, setDownLinks, snapshot and a
 // whole evaluation turn, the ratio rewrite included, and by nothing outside
-// this class. The link manager's locks come before it; the rule manager's
-// shares lock is taken under it (by the rewrite and by snapshot).
+// this class. Its place in the lock order: manager/NuvManager.h.
 #pragma once
 
 #include <map>
