@@ -166,6 +166,7 @@ TEST_F(StatsTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
         {"spacers passed over; spans reach back past them: 2 x 1024 B in 40 ms", {{60, 1024}, {40, 1024}, {30, 9999, kVekSampleSpacer}, {20, 1024}, {10, 9999, kVekSampleSpacer}}, {400, 2}},
         {"a flagged sample and another kind only serve as references", {{40, 1024}, {30, 5000, 0}, {20, 1024, kVekSampleCounted, 1}, {10, 1024}}, {800, 1}},
         {"a zero span ends the walk", {{20, 1024}, {0, 1024}, {0, 1024}}, {0, 0}},
+        {"a one-byte sample counts; a zero-byte one ends the walk", {{60, 1024}, {50, 0}, {40, 1024}, {30, 1}, {20, 1024}, {10, 1024}}, {533, 3}},
         {"a backward span ends the walk", {{20, 1024}, {-5, 1024}, {0, 1024}}, {0, 0}},
     };
     set(OPER_MINI_RATE_WINDOW, 10);
@@ -325,6 +326,8 @@ TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     remapper.join();
     EXPECT_EQ(links().size(), 4u);
     EXPECT_EQ(std::count(pipe.lockHeld.begin(), pipe.lockHeld.end(), false), 0);
+    stats()->calcVekRatios(VEK_ratio_calc_process(7), 0, 0, 0);  // no such mode: one error line per live link
+    EXPECT_EQ(log.count("calcVekRatios unexpected behavior in calc ratio"), 4u);
 }
 
 bool mapped(const std::string& path) {

@@ -128,6 +128,7 @@ TEST_F(ParcelTest, DescriptorsAreReadOnlyFromTheirObjectsAndOwnedOnesAreClosed) 
         ASSERT_EQ(p.writeDupFileDescriptor(fds[1]), android::NO_ERROR);
         EXPECT_TRUE(p.hasFileDescriptors());
         forged = bytesOf(p);
+        EXPECT_EQ(std::make_pair(forged[4 + 16], forged[28 + 16]), std::make_pair(uint8_t{0}, uint8_t{1})) << "owned: the copy only";
         p.setDataPosition(0);
         EXPECT_EQ(p.readFileDescriptor(), android::BAD_TYPE) << "an int is no descriptor";
         p.setDataPosition(4);

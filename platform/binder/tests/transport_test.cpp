@@ -310,7 +310,9 @@ TEST_F(BinderTest, StaleSocketIsReplacedOtherFilesAreNotAndQueuedWorkRunsSixteen
     m_root.writeFile("/dev/vndbinder/notes", "not a socket");
     EXPECT_EQ(defaultServiceManager()->addService(String16("notes"), m_service), -EEXIST);
     RawSocket live(vekd::binder::socketPath("live"), true);  // answered by someone else
+    log.clear();
     EXPECT_EQ(defaultServiceManager()->addService(String16("live"), m_service), ALREADY_EXISTS);
+    EXPECT_TRUE(log.contains("publish: " + vekd::binder::socketPath("live") + " is served by another process"));
     EXPECT_NE(defaultServiceManager()->addService(String16("a/b"), m_service), NO_ERROR);
     EXPECT_NE(defaultServiceManager()->addService(String16("proxy"), binder), NO_ERROR);
     binder.clear();

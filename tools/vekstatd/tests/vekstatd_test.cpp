@@ -67,6 +67,14 @@ TEST(PacketCountTest, CountsTcpSegmentsFromCommandedPorts) {
     EXPECT_EQ(count(packet(6, 80), 52, 1280, web), 1232u);
     EXPECT_EQ(count(packet(6, 80), 51, 1280, web), 0u);                   // TCP ports cut short
     EXPECT_EQ(count(packet(6, 22), 52, 1280, web), 0u);
+    // Up to eight extension headers (eight bytes each) before TCP; a ninth is too many.
+    for (const auto& [headers, counted] : {std::make_pair(8, 1280u - 104), std::make_pair(9, 0u)}) {
+        std::vector<uint8_t> p(40 + 8 * headers + 20, 0);
+        p[0] = 0x60;
+        for (int h = 0; h < headers; ++h) p[40 + 8 * h] = h + 1 < headers ? 0 : 6;
+        p[40 + 8 * headers] = 0, p[40 + 8 * headers + 1] = 80;
+        EXPECT_EQ(countedTcpBytes(p.data(), p.size(), 1280, ETH_P_IPV6, web), headers == 8 ? counted : 0u) << headers;
+    }
 }
 
 // The daemon reopens the FIFO for every command; a file it made earlier is filled in place.
