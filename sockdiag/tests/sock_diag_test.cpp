@@ -186,6 +186,7 @@ TEST_F(SockDiagTest, DestroySocketsTakesTheUidsSocketsOfBothFamiliesAndSparesLoo
     ASSERT_EQ(got.size(), 16u);
     EXPECT_EQ(got[7], "E VEK_GAMING not destroy sockets FALSE: UID: 10123, srs_prt: 512, dst_prt: 47873");
     EXPECT_EQ(got[5], "E VEK_GAMING should destroy sockets TRUE: UID: 10123, srs_prt: 256, dst_prt: 47873");
+    EXPECT_NE(std::find(got.begin(), got.end(), "D VEK_GAMING readDiagMsg check"), got.end());
 
     // A failed IPv4 dump skips IPv6.
     answer({FakeNetlink::error(-EACCES)});
@@ -222,6 +223,7 @@ TEST_F(SockDiagTest, KillRunsATcpThenAUdpPassAndReturnsTheUdpResult) {
     const struct { const char* uid; Replies tcpReplies, udpReplies; int result; Lines lines; } cases[] = {
         {"10123", {kDone}, {kDone}, 0, {tcp, udp}},
         {"10123", {FakeNetlink::error(-EPERM)}, {diag(kUid, 1), diag(kUid + 1, 2), kDone}, 0, {"E  VEK_GAMING Error destroying TCP sockets: Operation not permitted", gone, gone, udp}},
+        {"10123", {kDone}, {FakeNetlink::diag(sock("127.0.0.1", "127.0.0.1", 2, kUid)), kDone}, 0, {tcp, gone, gone, udp}},  // loopback too
         {"10123", {kDone}, {FakeNetlink::error(-EINVAL)}, -EINVAL, {tcp, "E  VEK_GAMING Error destroying UDP sockets: Invalid argument"}},
         // Found by fuzzing: a damaged error message carrying INT_MIN was negated for strerror.
         {"10123", {kDone}, {FakeNetlink::error(INT32_MIN)}, -EBADMSG, {tcp, "E VEK_GAMING netlink error code -2147483648 is no errno, message damaged", "E  VEK_GAMING Error destroying UDP sockets: Bad message"}},

@@ -254,6 +254,7 @@ TEST(ShareCalculationTest, SharesOfOneTurn) {
         {"nothing down: the rest goes to wlan1", 1000, 100, 100, three, kMetered, 600, 500, 500, {0.5f, 0.25f, 0.25f}, -1},
         {"wlan0 down: its share goes to wlan1 alone", 1000, 100, 100, three, kMetered, 600, 500, 500, {0, 0.75f, 0.25f}, -1, {"wlan0"}},
         {"wlan1 down: no hand-out, the rest scaled up", 1000, 100, 100, three, kMetered, 600, 500, 500, {2.0f / 3, 0, 1.0f / 3}, -1, {"wlan1"}},
+        {"a threshold of 1 kbit/s, reached, leaves the metered link nothing", 1, 100, 100, {{"wlan0", false, 1}, {"rmnet0", true, 100}}, kMetered, 100, 1, 1, {0.0f, 1.0f}, -1},
         {"half the change exactly the minimum", 1600, 100, 100, {{"a", false, 1, 0.25f}, {"b", false, 1, 0.75f}}, kUnmetered, 0, 2, 1, {0.5f, 0.5f}, 0, {}, 25},
         {"half of both changes above it", 1600, 100, 100, {{"a", false, 1, 0.625f}, {"b", false, 3, 0.375f}}, kUnmetered, 0, 4, 3, {0.25f, 0.75f}, 1, {}, 25},
     };
@@ -285,6 +286,7 @@ TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"0.625000 wlan0", "0.000000 wlan1", "1.000000 rmnet0", "0.000000 rmnet1"}));
     EXPECT_TRUE(log.contains(" VEK_RATIO : iface=wlan0, LRE= 1000, PktCnt= 19, Max= 1000, metered =0 "));
+    EXPECT_TRUE(log.contains("calcVekRatios VEK_RATIO (1) iface= rmnet0 metered =1, LRE = 2000 , calcRatio =") && log.contains(" CALC2 -- "));
     EXPECT_TRUE(log.contains(" VEK_RATIO : iface=rmnet0, LRE= 2000, PktCnt= 19, Max= 2000, metered =1 "));
     // 64-bit stamps and sizes printed whole, also where long has 32 bits (armhf).
     EXPECT_TRUE(log.contains(":Entry(19):" + std::to_string(kNowMs) + ",1024,"));

@@ -121,8 +121,10 @@ TEST(DaemonProcess, AStuckDumpHoldsNothingElseAndStrangersGetNoReport) {
     close(fds[0]);
     close(fds[1]);
 
-    constexpr int kStranger = 4321;  // given the socket's group, so that it may connect
-    ASSERT_EQ(chmod(d.root.path().c_str(), 0755) | chown(d.root.at("/dev/vndbinder/vekd").c_str(), -1, kStranger), 0);
+    constexpr int kShell = 2000, kStranger = 4321;  // each given the socket's group, so that it may connect
+    ASSERT_EQ(chmod(d.root.path().c_str(), 0755) | chown(d.root.at("/dev/vndbinder/vekd").c_str(), -1, kShell), 0);
+    EXPECT_EQ(d.vekctl({"dump"}, &err, kShell), 0) << err;
+    ASSERT_EQ(chown(d.root.at("/dev/vndbinder/vekd").c_str(), -1, kStranger), 0);
     EXPECT_EQ(d.vekctl({"dump"}, &err, kStranger), 1);
     EXPECT_NE(err.find("permission denied"), std::string::npos) << err;
     EXPECT_TRUE(d.process->waitForLog("dump refused to uid 4321"));

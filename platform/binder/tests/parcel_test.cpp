@@ -128,7 +128,7 @@ TEST_F(ParcelTest, DescriptorsAreReadOnlyFromTheirObjectsAndOwnedOnesAreClosed) 
         ASSERT_EQ(p.writeDupFileDescriptor(fds[1]), android::NO_ERROR);
         EXPECT_TRUE(p.hasFileDescriptors());
         forged = bytesOf(p);
-        EXPECT_EQ(std::make_pair(forged[4 + 16], forged[28 + 16]), std::make_pair(uint8_t{0}, uint8_t{1})) << "owned: the copy only";
+        EXPECT_EQ(std::make_tuple(forged[4 + 4], forged[4 + 5], forged[4 + 16], forged[28 + 16]), std::make_tuple(0x7f, 0x01, 0, 1)) << "flags 0x17f; owned: the copy only";
         p.setDataPosition(0);
         EXPECT_EQ(p.readFileDescriptor(), android::BAD_TYPE) << "an int is no descriptor";
         p.setDataPosition(4);

@@ -144,7 +144,12 @@ TEST_F(BinderTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheService
     ASSERT_EQ(m_binder->transact(kEcho, big, &reply), NO_ERROR);
     EXPECT_EQ(reply.readInt32(), 2);
     big.writeInt32(0);
+    vekd::test::LogCapture log;
     EXPECT_EQ(m_binder->transact(kEcho, big, &reply), FAILED_TRANSACTION);
+    EXPECT_TRUE(log.contains("parcel of " + std::to_string(big.dataSize()) + " bytes is too long"));
+    bool named = false;  // pool threads carry the platform's names, "Binder:<pid>_<n>"
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) named |= vekd::test::readFile(task.path().string() + "/comm").rfind(("Binder:" + std::to_string(getpid()) + "_").substr(0, 15), 0) == 0;
+    EXPECT_TRUE(named);
     // A reply up to a mebibyte after its status arrives; a longer one, or one
     // to a peer that stops reading for the stall time, closes the connection.
     for (const auto& [size, status] : {std::make_pair(kMiB - 4, NO_ERROR), std::make_pair(kMiB, DEAD_OBJECT)}) {
@@ -170,7 +175,6 @@ TEST_F(BinderTest, TransactionsAreAnsweredOverAClosedOnExecSocketUntilTheService
     ASSERT_EQ(m_service->transact(kEcho, echoRequest(local, 6), &reply), NO_ERROR);
     EXPECT_EQ(reply.readInt32(), 7);
 
-    vekd::test::LogCapture log;
     vekd::test::FakeClock clock;
     EXPECT_EQ(defaultServiceManager()->getService(String16("absent")), nullptr);
     EXPECT_TRUE(log.contains("Waiting for service 'absent'...")) << "said once, before the retries";

@@ -67,12 +67,13 @@ TEST(PacketCountTest, CountsTcpSegmentsFromCommandedPorts) {
     EXPECT_EQ(count(packet(6, 80), 52, 1280, web), 1232u);
     EXPECT_EQ(count(packet(6, 80), 51, 1280, web), 0u);                   // TCP ports cut short
     EXPECT_EQ(count(packet(6, 22), 52, 1280, web), 0u);
-    // Up to eight extension headers (eight bytes each) before TCP; a ninth is too many.
-    for (const auto& [headers, counted] : {std::make_pair(8, 1280u - 104), std::make_pair(9, 0u)}) {
-        std::vector<uint8_t> p(40 + 8 * headers + 20, 0);
+    EXPECT_EQ(countedTcpBytes(packet(4, 80, 1500).data(), 60, 1500, ETH_P_ARP, web), 0u);
+    // Up to eight extension headers (sixteen bytes each, as their length fields say) before TCP; a ninth is too many.
+    for (const auto& [headers, counted] : {std::make_pair(8, 1280u - 168), std::make_pair(9, 0u)}) {
+        std::vector<uint8_t> p(40 + 16 * headers + 20, 0);
         p[0] = 0x60;
-        for (int h = 0; h < headers; ++h) p[40 + 8 * h] = h + 1 < headers ? 0 : 6;
-        p[40 + 8 * headers] = 0, p[40 + 8 * headers + 1] = 80;
+        for (int h = 0; h < headers; ++h) p[40 + 16 * h] = h + 1 < headers ? 0 : 6, p[40 + 16 * h + 1] = 1;
+        p[40 + 16 * headers] = 0, p[40 + 16 * headers + 1] = 80;
         EXPECT_EQ(countedTcpBytes(p.data(), p.size(), 1280, ETH_P_IPV6, web), headers == 8 ? counted : 0u) << headers;
     }
 }
@@ -85,11 +86,14 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     EXPECT_EQ(vekd::test::runProgram(bin, {"--help"}, root.path(), &out), 0);
     EXPECT_EQ(out.rfind("usage: vekstatd [--tick-ms N]\n", 0), 0u) << out;
     using Args = std::vector<std::string>;
-    for (const Args& bad : {Args{"--tick-ms", "0"}, Args{"--tick-ms", "21"}, Args{"--tick-ms", "5x"}, Args{"--bogus"}}) EXPECT_EQ(vekd::test::runProgram(bin, bad, root.path()), 2) << bad.back();
+    for (const Args& bad : {Args{"--tick-ms", "0"}, Args{"--tick-ms", "21"}, Args{"--tick-ms", "5x"}}) EXPECT_EQ(vekd::test::runProgram(bin, bad, root.path()), 2) << bad.back();
+    EXPECT_EQ(vekd::test::runProgram(bin, {"--bogus"}, root.path(), nullptr, &out), 2);
+    EXPECT_NE(out.find("vekstatd: unknown argument \"--bogus\" (see --help)"), std::string::npos) << out;
     root.writeFile("/proc", "a file where a directory belongs");
     EXPECT_EQ(vekd::test::runProgram(bin, {}, root.path()), 1);
     unlink(root.at("/proc").c_str());
 
+    root.writeFile("/proc/vek/config", "left by a crashed run");  // replaced by the FIFO
     root.writeFile("/proc/vek/wlan0_mmap", std::string(10000, '\x7f'));  // an earlier run's bytes, cut short
     const std::string path = root.at("/proc/vek/wlan0_mmap");
     struct stat before {}, after {};
@@ -100,11 +104,11 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     const std::string tooLong(CommandStream::kMaxCommand + 1, 'x');
     root.writeFile("/proc/vek/config", tooLong + '\0');  // straight into the FIFO
     vekd::test::makeDirs(root.at("/proc/vek/dir_mmap"));
-    for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "iface=dir", "enable=2", "bogus", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
+    for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "iface=dir", "iface=vekabsent0", "enable=2", "bogus", "enable=1", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
     ASSERT_TRUE(publisher.waitForLog("command: enable=0", std::chrono::seconds(10))) << publisher.log();
     for (const char* said : {"E vekstatd: bad interface name \"../etc\"", "E vekstatd: bad enable value \"2\"",
                              "E vekstatd: unknown command \"bogus\"", "E vekstatd: dropped a command longer than 4096 bytes",
-                             "E vekstatd: interface dir: cannot open "}) {
+                             "E vekstatd: interface dir: cannot open ", "E vekstatd: interface vekabsent0: No such device; retrying every second"}) {
         EXPECT_NE(publisher.log().find(said), std::string::npos) << said;
     }
 
