@@ -51,6 +51,7 @@ TEST(VekctlTest, UsageErrorsPropertiesAndServiceAnswersGiveTheirExitCodeAndOneLi
         {{"setprop", "bad/name", "1"}, 1, "", "vekctl: setprop: cannot set bad/name\n"},
         {{"iface-ready"}, 1, "", "vekctl: iface-ready: service \"vekd\" is not running on /dev/vndbinder\n"},
         {{"wlan-inet", "2147483647"}, 1, "", "vekctl: wlan-inet: service \"vekd\" is not running on /dev/vndbinder\n"},
+        {{"wlan-inet", "-2147483648"}, 1, "", "vekctl: wlan-inet: service \"vekd\" is not running on /dev/vndbinder\n"},
         {{"setprop", "vendor.vek.debug", "1"}, 0, "", ""},
         {{"getprop", "vendor.vek.debug"}, 0, "1\n", ""},
         {{"getprop", "vendor.vek.enabled", "0"}, 0, "0\n", ""},

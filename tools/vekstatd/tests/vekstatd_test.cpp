@@ -66,6 +66,7 @@ TEST(PacketCountTest, CountsTcpSegmentsFromCommandedPorts) {
     EXPECT_EQ(count(packet(4, 80, 1500), 60, 59, web), 0u);               // more captured than sent
     EXPECT_EQ(count(packet(6, 80), 52, 1280, web), 1232u);
     EXPECT_EQ(count(packet(6, 80), 51, 1280, web), 0u);                   // TCP ports cut short
+    EXPECT_EQ(count(packet(6, 80), 41, 1280, web), 0u);                   // the extension header cut short
     EXPECT_EQ(count(packet(6, 22), 52, 1280, web), 0u);
     EXPECT_EQ(countedTcpBytes(packet(4, 80, 1500).data(), 60, 1500, ETH_P_ARP, web), 0u);
     // Up to eight extension headers (sixteen bytes each, as their length fields say) before TCP; a ninth is too many.
@@ -86,7 +87,8 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     EXPECT_EQ(vekd::test::runProgram(bin, {"--help"}, root.path(), &out), 0);
     EXPECT_EQ(out.rfind("usage: vekstatd [--tick-ms N]\n", 0), 0u) << out;
     using Args = std::vector<std::string>;
-    for (const Args& bad : {Args{"--tick-ms", "0"}, Args{"--tick-ms", "21"}, Args{"--tick-ms", "5x"}}) EXPECT_EQ(vekd::test::runProgram(bin, bad, root.path()), 2) << bad.back();
+    for (const Args& bad : {Args{"--tick-ms", "0"}, Args{"--tick-ms", "21"}, Args{"--tick-ms", "5x"}}) EXPECT_EQ(vekd::test::runProgram(bin, bad, root.path(), nullptr, &out), 2) << bad.back();
+    EXPECT_EQ(out, "vekstatd: --tick-ms wants a number from 1 to 20\n");
     EXPECT_EQ(vekd::test::runProgram(bin, {"--bogus"}, root.path(), nullptr, &out), 2);
     EXPECT_NE(out.find("vekstatd: unknown argument \"--bogus\" (see --help)"), std::string::npos) << out;
     root.writeFile("/proc", "a file where a directory belongs");
@@ -104,11 +106,11 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     const std::string tooLong(CommandStream::kMaxCommand + 1, 'x');
     root.writeFile("/proc/vek/config", tooLong + '\0');  // straight into the FIFO
     vekd::test::makeDirs(root.at("/proc/vek/dir_mmap"));
-    for (const char* c : {"ports=80,443", "iface=wlan0", "iface=../etc", "iface=dir", "iface=vekabsent0", "enable=2", "bogus", "enable=1", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
+    for (const char* c : {"ports=8a", "ports=80,443", "iface=wlan0", "iface=../etc", "iface=dir", "iface=vekabsent0", "enable=2", "bogus", "enable=1", "enable=0"}) EXPECT_EQ(daemonSide->writeStatsConfFile(c), 0);
     ASSERT_TRUE(publisher.waitForLog("command: enable=0", std::chrono::seconds(10))) << publisher.log();
     for (const char* said : {"E vekstatd: bad interface name \"../etc\"", "E vekstatd: bad enable value \"2\"",
                              "E vekstatd: unknown command \"bogus\"", "E vekstatd: dropped a command longer than 4096 bytes",
-                             "E vekstatd: interface dir: cannot open ", "E vekstatd: interface vekabsent0: No such device; retrying every second"}) {
+                             "E vekstatd: interface dir: cannot open ", "E vekstatd: bad port \"8a\" in \"ports=8a\": keeping the previous ports", "E vekstatd: interface vekabsent0: No such device; retrying every second"}) {
         EXPECT_NE(publisher.log().find(said), std::string::npos) << said;
     }
 
