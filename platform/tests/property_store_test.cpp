@@ -1,5 +1,6 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "platform/PropertyStore.h"
 #include "tests/support/TempRoot.h"
@@ -29,6 +30,10 @@ TEST(PropertyFiles, SetReplacesTheFileAndBadNamesOrValuesAreRefused) {
         ASSERT_EQ(property_set("vendor.vek.enabled", value.c_str()), 0);
         EXPECT_EQ(vekd::test::readFile(root.at("/dev/__properties__/vendor.vek.enabled")), value + "\n");
     }
+    struct stat dir {};  // readable by every reader of properties, written by its owner only
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(stat(root.at("/dev/__properties__").c_str(), &dir) == 0 ? dir.st_mode & 0777 : 0, 0755u & ~mask);
     const std::pair<std::string, std::string> refused[] = {
         {"../escape", "1"}, {"..", "1"}, {"", "1"}, {"a/b", "1"}, {"a", std::string(92, 'v')}, {"a", "two\nlines"}};
     for (const auto& [name, value] : refused) EXPECT_NE(property_set(name.c_str(), value.c_str()), 0) << name;

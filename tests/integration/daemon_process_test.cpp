@@ -102,9 +102,7 @@ TEST(DaemonProcess, AStuckDumpHoldsNothingElseAndStrangersGetNoReport) {
     ASSERT_NE(service, nullptr);
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
-    const std::string page(4096, 'x');
-    while (write(fds[1], page.data(), page.size()) > 0) {
-    }
+    for (const std::string page(4096, 'x'); write(fds[1], page.data(), page.size()) > 0;) continue;
     std::atomic<int> stuckStatus{1};
     std::thread stuck([&] {
         android::Parcel data, reply;
@@ -118,8 +116,7 @@ TEST(DaemonProcess, AStuckDumpHoldsNothingElseAndStrangersGetNoReport) {
     EXPECT_EQ(stuckStatus.load(), 1) << "the ping was answered while the stuck dump still ran";
     stuck.join();
     EXPECT_EQ(stuckStatus.load(), android::TIMED_OUT);
-    close(fds[0]);
-    close(fds[1]);
+    close(fds[0]), close(fds[1]);
 
     constexpr int kShell = 2000, kStranger = 4321;  // each given the socket's group, so that it may connect
     ASSERT_EQ(chmod(d.root.path().c_str(), 0755) | chown(d.root.at("/dev/vndbinder/vekd").c_str(), -1, kShell), 0);

@@ -100,8 +100,8 @@ TEST(VekstatdProgramTest, ServesCommandsAcrossReopensAndFillsFilesInPlace) {
     const std::string path = root.at("/proc/vek/wlan0_mmap");
     struct stat before {}, after {};
     ASSERT_EQ(stat(path.c_str(), &before), 0);
-    vekd::test::DaemonProcess publisher(bin, {"--tick-ms", "20"}, root.path(), root.at("/vekstatd.log"));
-    ASSERT_TRUE(publisher.waitForLog("a sample every 20 ms", std::chrono::seconds(10)));
+    vekd::test::DaemonProcess publisher(bin, {"--tick-ms", "1"}, root.path(), root.at("/vekstatd.log"));
+    ASSERT_TRUE(publisher.waitForLog("a sample every 1 ms", std::chrono::seconds(10)));
     VekStatsImpl* daemonSide = VekStatsImpl::instance();
     const std::string tooLong(CommandStream::kMaxCommand + 1, 'x');
     root.writeFile("/proc/vek/config", tooLong + '\0');  // straight into the FIFO
