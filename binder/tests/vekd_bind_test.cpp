@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "binder/VekdBind.h"
+#include "platform/WriteToPeer.h"
 #include "platform/binder/HostBinder.h"
 #include "tests/support/InProcessDaemon.h"
 #include "tests/support/LogCapture.h"
@@ -177,6 +178,24 @@ TEST(VekdService, EightClientsAtOnceAreAnsweredWhileTheLoopEvaluatesAndAnyDumpIs
     EXPECT_EQ(String8(lookUp()->getInterfaceDescriptor()), String8(IVekd::descriptor));
 
     vekd::binder::resetForTesting();
+}
+
+// One deadline for the report's whole text: a reader taking a page every
+// 50 ms from a full pipe would need two seconds for this one, and gets 300 ms.
+TEST(DumpWriter, AReaderSlowerThanTheDeadlineIsGivenUp) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
+    for (const std::string page(4096, 'x'); write(fds[1], page.data(), page.size()) > 0;) continue;
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        for (char buf[4096]; !done; usleep(50000)) EXPECT_NE(read(fds[0], buf, sizeof(buf)), 0);
+    });
+    errno = 0;
+    EXPECT_FALSE(vekd::platform::writeToPeer(fds[1], std::string(40 * 4096, 'y'), 300));
+    EXPECT_EQ(errno, ETIMEDOUT);
+    done = true;
+    reader.join();
+    close(fds[0]), close(fds[1]);
 }
 
 }  // namespace
