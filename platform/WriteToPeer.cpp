@@ -9,6 +9,8 @@
 
 #include <cerrno>
 
+#include "platform/Clock.h"
+
 namespace vekd::platform {
 namespace {
 
@@ -47,16 +49,11 @@ class NoSigpipe {
 
 bool writeToPeer(int fd, const std::string& text, int deadlineMs) {
     NoSigpipe guard;
-    struct timespec start {};
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    const auto elapsedMs = [&start] {
-        struct timespec now {};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
-    };
+    Clock& clock = Seam<Clock>::get();
+    const int64_t deadline = clock.monotonicMs() + deadlineMs;
     size_t done = 0;
     while (done < text.size()) {
-        const long left = deadlineMs - elapsedMs();
+        const int64_t left = deadline - clock.monotonicMs();
         struct pollfd p = {fd, POLLOUT, 0};
         const int ready = left > 0 ? ::poll(&p, 1, static_cast<int>(left)) : 0;
         if (ready < 0 && errno == EINTR) continue;
