@@ -316,17 +316,14 @@ void NuvManager::snapshot(vekd::report::Snapshot* out) {
     VekStatsImpl* stats;
     IptablesManager* rules;
     {
-        // Set by the configuration path and the UID operations under the rule lock.
+        // The engine and rule manager pointers are set under the rule lock too.
         RuleLock lock;
         stats = m_stats;
         rules = m_iptables;
-    }
-    if (stats != nullptr) out->links = stats->snapshot(rules);
-    {
-        RuleLock rules;
         for (const auto& [uid, mode] : m_uidModes) out->uids.push_back({uid, static_cast<int32_t>(mode)});
         copyDnsSelection(&out->dnsInterface, &out->dnsServer);
     }
+    if (stats != nullptr) out->links = stats->snapshot(rules);
     // The monitor's lock is a leaf: taken last, with nothing of its own held.
     out->monitorOn = m_linkMonitor->running();
     if (!out->monitorOn) return;
