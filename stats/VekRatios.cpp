@@ -8,6 +8,7 @@
 #include "config/Parameters.h"
 #include "foundation/Counters.h"
 #include "foundation/DebugFlag.h"
+#include "platform/Clock.h"
 #include "rules/IptablesManager.h"
 #include "stats/ShareCalculation.h"
 #include "stats/VekStatsImpl.h"
@@ -16,6 +17,9 @@ namespace {
 
 constexpr const char* kTag = "VekStatsImpl";
 constexpr const char* kCalc = "calcVekRatios";
+// A link down for less than this keeps its rate history: a short outage
+// says nothing about what the link carries once back.
+constexpr int64_t kHistoryKeptMs = 30000;
 
 }  // namespace
 
@@ -54,6 +58,7 @@ int VekStatsImpl::evalAndSetVEKInterfaceRatio() {
     uint32_t totalUnmetered = 0;
     uint32_t maxUnmetered = 0;
     const std::set<std::string> down = downAmongConfigured(configured);
+    const int64_t nowMs = vekd::Seam<vekd::platform::Clock>::get().monotonicMs();
 
     for (auto& entry : m_linkStatsMap) {
         linkStatsWrapper_t* record = entry.second;
@@ -61,11 +66,16 @@ int VekStatsImpl::evalAndSetVEKInterfaceRatio() {
         if (info == configured.end() || record == nullptr || record->statsData == nullptr) continue;
         const bool metered = info->second.metered;
         if (down.count(entry.first) != 0) {
-            // A dead link has no estimate, and once back it starts afresh.
+            // A dead link has no estimate this turn.
             record->lre = 0;
             record->pktCnt = 0;
-            record->history = linkHistory_t();
+            m_downSinceMs.emplace(entry.first, nowMs);
             continue;
+        }
+        if (auto was = m_downSinceMs.find(entry.first); was != m_downSinceMs.end()) {
+            // Back after a long outage: measured afresh.
+            if (nowMs - was->second >= kHistoryKeptMs) record->history = linkHistory_t();
+            m_downSinceMs.erase(was);
         }
 
         unsigned int estimate =

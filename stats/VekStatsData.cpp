@@ -3,8 +3,10 @@
 #include <android/log.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdint>
+#include <vector>
 
 #include "config/Parameters.h"
 #include "foundation/DebugFlag.h"
@@ -38,6 +40,38 @@ bool olderThan(uint64_t now, uint64_t timestampMs, int64_t staleMs) {
 }  // namespace
 
 VekStatsData::VekStatsData(void* mapping, bool wlan) : map(mapping), isWlan(wlan), cursor(nullptr) {}
+
+uint64_t VekStatsData::lastFlowMs(uint64_t minBytes, uint64_t windowMs) const {
+    if (map == nullptr || header()->magic != kVekStatsMagic || header()->writeIndex >= kVekStatsSlotCount) return 0;
+    // Newest first, as far back as the ring holds written samples in order.
+    std::vector<uint64_t> times;
+    std::vector<uint64_t> before{0};  // before[k]: the bytes of the k newest samples
+    uint32_t at = header()->writeIndex == 0 ? kVekStatsRingSlots : header()->writeIndex;
+    for (uint32_t n = 0; n < kVekStatsRingSlots; ++n, at = vekPrevSlot(at)) {
+        const VekStatsSample* s = slot(at);
+        if (s->timestampMs == 0 || s->bytes == 0 || (!times.empty() && s->timestampMs > times.back())) break;
+        if (s->kind != kVekSampleCounted || s->flag != 0) continue;
+        times.push_back(s->timestampMs);
+        before.push_back(before.back() + s->bytes);
+    }
+    const auto minus = [](uint64_t t, uint64_t d) { return t > d ? t - d : 0; };
+    // The bytes of the samples stamped after `from`, up to `to`.
+    const auto bytesIn = [&](uint64_t from, uint64_t to) {
+        const auto index = [&](uint64_t t) {
+            return std::partition_point(times.begin(), times.end(), [t](uint64_t x) { return x > t; }) - times.begin();
+        };
+        return before[static_cast<size_t>(index(from))] - before[static_cast<size_t>(index(to))];
+    };
+    for (const uint64_t t : times) {
+        const uint64_t recent = bytesIn(minus(t, windowMs), t);
+        // A flow keeps at least half of its best window of the four before;
+        // retransmissions to a dead uplink fall far below that.
+        uint64_t best = 0;
+        for (uint64_t k = 1; k <= 4; ++k) best = std::max(best, bytesIn(minus(t, (k + 1) * windowMs), minus(t, k * windowMs)));
+        if (recent >= minBytes && 2 * recent >= best) return t;
+    }
+    return 0;
+}
 
 unsigned int VekStatsData::linkRateEstimate(unsigned int* sampleCount, const char* iface) {
     if (gDebugLogEnabled) __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s:%s", label(), kFn);

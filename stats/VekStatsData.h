@@ -15,6 +15,13 @@ class VekStatsData {
     // when the module is not ready). `iface` is used in the debug log only.
     unsigned int linkRateEstimate(unsigned int* sampleCount, const char* iface);
 
+    // Wall-clock ms of the newest counted sample that closes `windowMs` of
+    // samples carrying `minBytes` or more, and at least half as much as the
+    // best of the four windows before: when the link last received a flow,
+    // not a trickle such as a dead uplink's retransmissions. 0 when there is
+    // none or the module is not ready.
+    uint64_t lastFlowMs(uint64_t minBytes, uint64_t windowMs) const;
+
     void* map;
     bool isWlan;
     const VekStatsSample* cursor;  // slot being examined

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <atomic>
+#include <climits>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -203,6 +205,19 @@ void VekStatsImpl::addLinkForTesting(const std::string& name, void* map) {
     linkStatsWrapper_t*& slot = m_linkStatsMap[name];
     if (slot != nullptr) retired().records.push_back(slot);
     slot = record;
+}
+
+int64_t VekStatsImpl::receivedAgoMs(const std::string& iface) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_linkStatsMap.find(iface);
+    if (it == m_linkStatsMap.end() || it->second == nullptr || it->second->statsData == nullptr) return -1;
+    // 8 KB in half a second: a flow; a dead uplink's retransmissions are less.
+    const uint64_t newest = it->second->statsData->lastFlowMs(8192, 500);
+    struct timeval tv {};
+    if (newest == 0 || vekd::Seam<vekd::platform::Clock>::get().getTimeOfDay(&tv) != 0) return -1;
+    const uint64_t now = static_cast<uint64_t>(tv.tv_sec) * 1000 + static_cast<uint64_t>(tv.tv_usec) / 1000;
+    // A sample stamped ahead of this clock counts as just now.
+    return now > newest ? static_cast<int64_t>(std::min<uint64_t>(now - newest, INT64_MAX)) : 0;
 }
 
 std::vector<vekd::report::LinkRow> VekStatsImpl::snapshot(const IptablesManager* rules) const {

@@ -66,6 +66,10 @@ class VekStatsImpl {
     // shares scaled to add up to 1. Ignored when it names every link.
     void setDownLinks(std::set<std::string> down);
 
+    // How long ago `iface` last received a flow of measured traffic, by the
+    // samples of its statistics file; -1 when unknown.
+    int64_t receivedAgoMs(const std::string& iface) const;
+
     // Every link in name order, copied under the lock, with the share
     // `rules` last installed (no health: that is the link monitor's).
     std::vector<vekd::report::LinkRow> snapshot(const IptablesManager* rules) const;
@@ -90,6 +94,7 @@ class VekStatsImpl {
     std::map<std::string, linkStatsWrapper_t*> m_linkStatsMap;
     std::set<std::string> m_downLinks;
     std::set<std::string> m_downInLastTurn;  // the down links the last turn acted on
+    std::map<std::string, int64_t> m_downSinceMs;  // monotonic ms each down link went down
 
     VekStatsImpl() = default;
     ~VekStatsImpl() = default;

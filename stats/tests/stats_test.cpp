@@ -178,6 +178,17 @@ TEST_F(StatsTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
     }
 }
 
+// The link monitor's traffic: a flow, not what a server retransmits down a dead uplink.
+TEST_F(StatsTest, TheLastFlowIsNotATrickleAfterIt) {
+    const auto lastFlow = [&] { return VekStatsData(ring.data(), false).lastFlowMs(8192, 500); };
+    ring.setMagic();
+    ring.appendSeries(kNowMs - 2000, 10, 100, 1448);  // a second of flow, the last 1010 ms ago
+    ring.appendSeries(kNowMs - 500, 1, 10, 1448);     // 14 KB at once
+    EXPECT_EQ(lastFlow(), kNowMs - 1010);
+    ring.appendSeries(kNowMs - 490, 10, 49, 1448);  // a flow again: no less than half the best window before
+    EXPECT_EQ(lastFlow(), kNowMs - 10);
+}
+
 TEST_F(StatsTest, NotReadyClockFailureAndCorruptRingsGiveZero) {
     ring.appendSeries(kNowMs - 152, 8, 20, 1024);  // no magic yet
     EXPECT_EQ(estimate(), Estimate(0, 12345));  // untouched
@@ -304,18 +315,25 @@ TEST_F(StatsTest, RulesAreRewrittenUnderTheLockOnlyWhenTheSplitMoved) {
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"1.000000 wlan0", "0.000000 wlan1", "0.000000 rmnet0", "0.000000 rmnet1"}));
 
-    // A down link loses its estimate and history; rmnet0 takes all, even
-    // though min_ratio_change would let no move of the shares through.
+    // A down link loses its estimate, not its history; rmnet0 takes all,
+    // even though min_ratio_change would let no move of the shares through.
     params->m_minRatioChange = 100;
     stats()->setDownLinks({"wlan0"});
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"0.000000 wlan0", "0.000000 wlan1", "1.000000 rmnet0", "0.000000 rmnet1"}));
     const vekd::report::LinkRow wlan = links().at("wlan0");
-    EXPECT_EQ(std::make_pair(wlan.estimate, wlan.historyLength), std::make_pair(0u, 0u));
-    // Every link down is as good as none: wlan0 is back.
+    EXPECT_EQ(std::make_pair(wlan.estimate, wlan.historyLength), std::make_pair(0u, 3u));
+    // Every link down is as good as none: wlan0 is back, its history kept.
     stats()->setDownLinks({"wlan0", "wlan1", "rmnet0", "rmnet1"});
     stats()->evalAndSetVEKInterfaceRatio();
     EXPECT_EQ(ratioRules(), (Rules{"1.000000 wlan0", "0.000000 wlan1", "0.000000 rmnet0", "0.000000 rmnet1"}));
+    EXPECT_EQ(links().at("wlan0").historyMax, 2000u);
+    // Back after 30 s down, it is measured afresh.
+    stats()->setDownLinks({"wlan0"}), stats()->evalAndSetVEKInterfaceRatio();
+    clock.setNowMs(kNowMs + 30000);
+    stats()->setDownLinks({}), stats()->evalAndSetVEKInterfaceRatio();
+    EXPECT_EQ(links().at("wlan0").historyMax, 0u);
+    clock.setNowMs(kNowMs);
 
     // The link manager maps and unmaps from binder threads while the main
     // loop runs turns; the lock keeps them apart (run under the thread sanitizer).
