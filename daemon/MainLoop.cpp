@@ -8,7 +8,6 @@
 #include "foundation/DebugFlag.h"
 #include "manager/NuvManager.h"
 #include "platform/ChangeWaiter.h"
-#include "platform/Clock.h"
 
 namespace {
 constexpr const char* kTag = "Vekd-v2";
@@ -27,7 +26,7 @@ bool MainLoop::turn() {
         m_manager->adjustParameters();
         // Formed in 32-bit arithmetic, as the period always has been.
         const uint32_t micros = static_cast<uint32_t>(m_params->get(OPER_MINI_EST_INTERVAL)) * 1000u;
-        vekd::Seam<vekd::platform::Clock>::get().sleepMicros(static_cast<useconds_t>(micros));
+        m_manager->waitForNextTurn(micros);
     } else if (state == kRunStateReady) {
         m_manager = NuvManager::instance();
     }

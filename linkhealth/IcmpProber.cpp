@@ -16,7 +16,10 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "linkhealth/LinkProber.h"
 
@@ -37,20 +40,30 @@ class IcmpProber : public LinkProber {
   public:
     IcmpProber() : m_wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
-    bool resolve(const std::string& host, uint32_t* address) override {
-        struct addrinfo hints {};
-        hints.ai_family = AF_INET;
-        hints.ai_socktype = SOCK_DGRAM;
-        struct addrinfo* found = nullptr;
-        const int rc = getaddrinfo(host.c_str(), nullptr, &hints, &found);
-        if (rc != 0 || found == nullptr) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot resolve %s: %s", host.c_str(),
-                                gai_strerror(rc));
-            return false;
+    void lookup(const std::string& host) override {
+        const std::shared_ptr<LookupState> state = m_lookup;
+        {
+            std::lock_guard<std::mutex> lock(state->mutex);
+            state->wanted = host;
+            state->result = Lookup::Pending;
+            if (state->running) return;  // the running one looks up `wanted` next
+            state->running = true;
         }
-        *address = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr.s_addr;
-        freeaddrinfo(found);
-        return true;
+        try {
+            // Detached: a look-up that never answers holds this thread and
+            // nothing else; it only touches the shared state and the wake-up.
+            std::thread([state, wakeFd = m_wakeFd] { lookupLoop(*state, wakeFd); }).detach();
+        } catch (const std::system_error&) {
+            std::lock_guard<std::mutex> lock(state->mutex);
+            state->running = false;
+            state->result = Lookup::Failed;
+        }
+    }
+
+    Lookup lookupResult(uint32_t* address) override {
+        std::lock_guard<std::mutex> lock(m_lookup->mutex);
+        *address = m_lookup->address;
+        return m_lookup->result;
     }
 
     bool open(size_t link, const std::string& iface, uint32_t mark) override {
@@ -66,9 +79,11 @@ class IcmpProber : public LinkProber {
                                 strerror(errno));
             return false;
         }
-        if (setsockopt(s.fd, SOL_SOCKET, SO_MARK, &mark, sizeof(mark)) != 0) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "SO_MARK 0x%x for %s: %s", mark,
-                                iface.c_str(), strerror(errno));
+        if (setsockopt(s.fd, SOL_SOCKET, SO_MARK, &mark, sizeof(mark)) != 0 ||
+            setsockopt(s.fd, SOL_SOCKET, SO_BINDTODEVICE, iface.c_str(),
+                       static_cast<socklen_t>(iface.size() + 1)) != 0) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "probe socket of %s (mark 0x%x): %s",
+                                iface.c_str(), mark, strerror(errno));
             ::close(s.fd);
             return false;
         }
@@ -130,6 +145,52 @@ class IcmpProber : public LinkProber {
     }
 
   private:
+    struct LookupState {
+        std::mutex mutex;
+        std::string wanted;
+        bool running = false;
+        Lookup result = Lookup::Failed;
+        uint32_t address = 0;
+    };
+
+    static bool resolveNow(const std::string& host, uint32_t* address) {
+        struct addrinfo hints {};
+        hints.ai_family = AF_INET;
+        hints.ai_socktype = SOCK_DGRAM;
+        struct addrinfo* found = nullptr;
+        const int rc = getaddrinfo(host.c_str(), nullptr, &hints, &found);
+        if (rc != 0 || found == nullptr) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot resolve %s: %s", host.c_str(),
+                                gai_strerror(rc));
+            return false;
+        }
+        *address = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr.s_addr;
+        freeaddrinfo(found);
+        return true;
+    }
+
+    // Looks up what is wanted until the answer is for the name wanted last.
+    static void lookupLoop(LookupState& state, int wakeFd) {
+        std::unique_lock<std::mutex> lock(state.mutex);
+        for (;;) {
+            const std::string host = state.wanted;
+            lock.unlock();
+            uint32_t address = 0;
+            const bool found = resolveNow(host, &address);
+            lock.lock();
+            if (state.wanted != host) continue;
+            state.running = false;
+            state.result = found ? Lookup::Found : Lookup::Failed;
+            state.address = address;
+            break;
+        }
+        lock.unlock();
+        const uint64_t one = 1;
+        if (write(wakeFd, &one, sizeof(one)) < 0) {
+            // Already pending: the wait ends anyway.
+        }
+    }
+
     struct Socket {
         int fd = -1;
         bool raw = false;
@@ -172,6 +233,7 @@ class IcmpProber : public LinkProber {
     }
 
     const int m_wakeFd;
+    const std::shared_ptr<LookupState> m_lookup = std::make_shared<LookupState>();
     std::mutex m_mutex;
     std::map<size_t, Socket> m_sockets;
 };

@@ -9,7 +9,7 @@ namespace vekd::linkhealth {
 struct LinkHealth {
     bool up = true;
     int32_t smoothedRttMs = -1;  // -1: no probe answered yet
-    int32_t lostInRow = 0;       // probes lost in a row
+    int32_t unansweredInRow = 0;  // probes in a row with no sign of life since
 };
 
 }  // namespace vekd::linkhealth

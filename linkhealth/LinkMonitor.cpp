@@ -12,14 +12,25 @@ namespace {
 
 constexpr const char* kTag = "LinkMonitor";
 // A target that cannot be resolved is tried again this often at most.
-constexpr int64_t kResolveRetryMs = 5000;
+constexpr int64_t kLookupRetryMs = 5000;
+// A probe is late after two smoothed round-trip times, but not before this
+// (nor after the timeout); a run whose first probe is late is silence.
+constexpr int64_t kMinLateMs = 100;
+// While a link is silent (a probe late, or its traffic stopped) it is probed
+// this often, so that a dead link is found in well under two seconds.
+constexpr int64_t kBurstMs = 50;
+// With nothing received on any link for this long, probes go out only
+// once a minute: a dead link matters when there is traffic to steer.
+constexpr int64_t kIdleAfterMs = 30000;
+constexpr int64_t kIdlePeriodMs = 60000;
 
 LinkProber& prober() { return Seam<LinkProber>::get(); }
 int64_t nowMs() { return Seam<platform::Clock>::get().monotonicMs(); }
 
 }  // namespace
 
-LinkMonitor::LinkMonitor(std::function<void()> onChange) : m_onChange(std::move(onChange)) {}
+LinkMonitor::LinkMonitor(std::function<void()> onChange, ReceivedAgo receivedAgo)
+    : m_onChange(std::move(onChange)), m_receivedAgo(std::move(receivedAgo)) {}
 
 LinkMonitor::~LinkMonitor() { stop(); }
 
@@ -40,7 +51,7 @@ void LinkMonitor::start(const MonitorSettings& settings, const std::vector<Monit
         m_links = std::move(previous);
         m_settings = was;
     }
-    begin(settings, links);
+    if (!begin(settings, links)) return;
     m_stopping = false;
     m_thread = std::thread([this] {
         while (!m_stopping.load()) turn();
@@ -56,27 +67,47 @@ void LinkMonitor::stopLocked() {
     std::unique_lock<std::mutex> lock(m_mutex);
     const bool begun = m_settings.enabled();
     lock.unlock();
-    if (!begun) return;  // never touch the network when the monitor is off
-    m_stopping = true;
-    prober().interrupt();
-    if (m_thread.joinable()) m_thread.join();
-    prober().closeAll();
+    if (begun) {
+        // Never touch the network when the monitor is off.
+        m_stopping = true;
+        prober().interrupt();
+        if (m_thread.joinable()) m_thread.join();
+        prober().closeAll();
+    }
     lock.lock();
     m_links.clear();
     m_settings = MonitorSettings();
 }
 
-void LinkMonitor::begin(const MonitorSettings& settings, const std::vector<MonitoredLink>& links) {
+bool LinkMonitor::begin(const MonitorSettings& settings, const std::vector<MonitoredLink>& links) {
+    // Refused: with one link there is nothing to steer to, and a short
+    // period on a metered link costs data and battery for little.
+    const bool metered = std::any_of(links.begin(), links.end(), [](const MonitoredLink& l) { return l.metered; });
+    const int32_t floor = metered ? MonitorSettings::kMeteredFloorMs : MonitorSettings::kFloorMs;
+    if (links.size() < 2 || settings.periodMs < floor) {
+        if (links.size() < 2) {
+            __android_log_print(ANDROID_LOG_WARN, kTag, "link monitor off: %zu link(s), nothing to steer to",
+                                links.size());
+        } else {
+            __android_log_print(ANDROID_LOG_WARN, kTag, "link monitor off: ping_period_ms %d is below %d ms%s",
+                                static_cast<int>(settings.periodMs), static_cast<int>(floor),
+                                metered ? " with a metered link" : "");
+        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_links.clear();
+        m_settings = MonitorSettings();
+        return false;
+    }
     std::lock_guard<std::mutex> lock(m_mutex);
     // A link configured again as it was keeps its health; a new or changed
     // one, or any link under changed health rules, starts fresh.
     const bool sameRules = m_settings.enabled() && m_settings.health == settings.health;
     const std::vector<Link> previous = std::move(m_links);
     m_settings = settings;
-    if (m_settings.timeoutMs <= 0) m_settings.timeoutMs = m_settings.periodMs;
+    if (m_settings.timeoutMs <= 0) m_settings.timeoutMs = MonitorSettings::kDefaultTimeoutMs;
     m_links.clear();
     for (size_t i = 0; i < links.size(); ++i) {
-        m_links.push_back(Link{links[i], HealthTracker(m_settings.health), false, 0, 0, 0, {}});
+        m_links.push_back(Link{links[i], HealthTracker(m_settings.health), {}, 0, 0, INT64_MIN / 2, INT64_MIN / 2, false});
         for (const Link& was : previous) {
             if (sameRules && was.config.name == links[i].name && was.config.mark == links[i].mark) {
                 m_links.back().tracker = was.tracker;
@@ -84,29 +115,39 @@ void LinkMonitor::begin(const MonitorSettings& settings, const std::vector<Monit
         }
         prober().open(i, links[i].name, links[i].mark);
     }
-    m_resolved = false;
-    m_nextResolveMs = 0;
+    m_found = false;
+    m_lookingUp = false;
+    m_nextLookupMs = 0;
+    m_idle = false;
+    m_probesSent = 0;
+    return true;
 }
 
 void LinkMonitor::turn() {
     int64_t now = nowMs();
-    bool changed = false;
-    if (!resolveServer(now)) {
-        // Nothing to probe yet: sleep until the next attempt.
-        int64_t next;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            next = m_nextResolveMs;
-        }
+    if (!haveTarget(now)) {
+        // Nothing to probe yet: sleep until the look-up answers or the next
+        // attempt is due.
         std::vector<ProbeAnswer> none;
-        prober().wait(static_cast<int>(std::clamp<int64_t>(next - now, 0, INT32_MAX)), &none);
+        prober().wait(static_cast<int>(kLookupRetryMs), &none);
         return;
     }
+    // The traffic each link received, asked with no lock held.
+    std::vector<std::string> names;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const Link& link : m_links) names.push_back(link.config.name);
+    }
+    std::vector<int64_t> agoMs(names.size(), -1);
+    for (size_t i = 0; m_receivedAgo && i < names.size(); ++i) agoMs[i] = m_receivedAgo(names[i]);
+
+    bool changed = false;
     int waitMs;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        changed |= noteTraffic(now, agoMs);
         changed |= settle(now, {});
-        changed |= sendDue(now);
+        sendDue(now);
         waitMs = msUntilNextEvent(now);
     }
     std::vector<ProbeAnswer> answers;
@@ -118,34 +159,77 @@ void LinkMonitor::turn() {
         // With every link down the target itself may have moved.
         if (changed && std::none_of(m_links.begin(), m_links.end(),
                                     [](const Link& l) { return l.tracker.health().up; })) {
-            m_resolved = false;
-            m_nextResolveMs = now;
+            m_found = false;
+            m_nextLookupMs = now;
         }
     }
     if (changed && m_onChange) m_onChange();
 }
 
-bool LinkMonitor::resolveServer(int64_t now) {
-    std::string server;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_resolved) return true;
-        if (now < m_nextResolveMs) return false;
-        server = m_settings.server;
+bool LinkMonitor::haveTarget(int64_t now) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_found) return true;
+    if (!m_lookingUp) {
+        if (now < m_nextLookupMs) return false;
+        // Returns at once: a look-up that hangs holds no lock and no caller.
+        prober().lookup(m_settings.server);
+        m_lookingUp = true;
     }
     uint32_t address = 0;
-    const bool ok = prober().resolve(server, &address);  // may block: outside the lock
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_resolved = ok;
-    m_nextResolveMs = now + std::max<int64_t>(m_settings.periodMs, kResolveRetryMs);
-    if (ok) {
-        m_address = address;
-        for (Link& link : m_links) {
-            link.inFlight = false;
-            link.nextSendMs = now;
-        }
+    const LinkProber::Lookup result = prober().lookupResult(&address);
+    if (result == LinkProber::Lookup::Pending) return false;
+    m_lookingUp = false;
+    if (result == LinkProber::Lookup::Failed) {
+        m_nextLookupMs = now + std::max<int64_t>(m_settings.periodMs, kLookupRetryMs);
+        return false;
     }
-    return ok;
+    m_found = true;
+    m_address = address;
+    for (Link& link : m_links) {
+        link.outstanding.clear();
+        link.nextSendMs = now;
+    }
+    return true;
+}
+
+int64_t LinkMonitor::lateMs(const Link& link) const {
+    const int64_t srtt = link.tracker.health().smoothedRttMs;
+    // Until a first answer, only the timeout tells: a link may be slow.
+    if (srtt < 0) return m_settings.timeoutMs;
+    return std::clamp<int64_t>(2 * srtt, kMinLateMs, m_settings.timeoutMs);
+}
+
+int64_t LinkMonitor::periodMs() const {
+    return m_idle ? std::max<int64_t>(m_settings.periodMs, kIdlePeriodMs) : m_settings.periodMs;
+}
+
+bool LinkMonitor::silent(const Link& link, int64_t now) const {
+    const HealthTracker& t = link.tracker;
+    // Up, and a probe is late with nothing heard since, or the link's
+    // traffic stopped; a run long enough to take the link down only waits
+    // to be late.
+    const std::vector<int64_t>& run = t.unansweredSentMs();
+    if (!t.health().up || run.size() >= static_cast<size_t>(std::max(1, m_settings.health.unansweredToDown))) return false;
+    return (!run.empty() && now - run.front() > lateMs(link)) || link.trafficStopped;
+}
+
+bool LinkMonitor::noteTraffic(int64_t now, const std::vector<int64_t>& agoMs) {
+    if (!m_receivedAgo || agoMs.size() != m_links.size()) return false;
+    bool changed = false;
+    bool anyTraffic = false;
+    for (size_t i = 0; i < m_links.size(); ++i) {
+        if (agoMs[i] < 0) continue;
+        anyTraffic |= agoMs[i] < kIdleAfterMs;
+        if (now - agoMs[i] > m_links[i].trafficMs) m_links[i].trafficStopped = false;
+        m_links[i].trafficMs = now - agoMs[i];
+        changed |= report(m_links[i], m_links[i].tracker.alive(now - agoMs[i], now));
+    }
+    if (m_idle && anyTraffic) {
+        // Traffic again: back to the configured period at once.
+        for (Link& link : m_links) link.nextSendMs = std::min(link.nextSendMs, now);
+    }
+    m_idle = !anyTraffic;
+    return changed;
 }
 
 bool LinkMonitor::settle(int64_t now, const std::vector<ProbeAnswer>& answers) {
@@ -153,66 +237,79 @@ bool LinkMonitor::settle(int64_t now, const std::vector<ProbeAnswer>& answers) {
     for (const ProbeAnswer& answer : answers) {
         if (answer.link >= m_links.size()) continue;
         Link& link = m_links[answer.link];
-        // A late answer does not undo the loss already counted, but a link
-        // that answers is alive: a loaded link's queue delays answers
-        // beyond the timeout without the link being dead.
-        Sent& sent = link.recent[answer.sequence % kRecent];
-        if (!sent.open || sent.sequence != answer.sequence) continue;
-        sent.open = false;
-        if (link.inFlight && answer.sequence == link.sequence) link.inFlight = false;
-        const auto rtt = static_cast<int32_t>(std::min<int64_t>(now - sent.sentMs, INT32_MAX));
-        const HealthTracker::Change change = link.tracker.answered(rtt);
-        report(link, change);
-        changed |= change != HealthTracker::Change::None;
+        // An answer counts however many probes went out since, as long as
+        // it comes within the timeout: a loaded link is slow, not dead.
+        auto it = std::find_if(link.outstanding.begin(), link.outstanding.end(),
+                               [&](const Probe& p) { return p.sequence == answer.sequence; });
+        if (it == link.outstanding.end() || now - it->sentMs > m_settings.timeoutMs) continue;
+        const auto rtt = static_cast<int32_t>(std::min<int64_t>(now - it->sentMs, INT32_MAX));
+        link.outstanding.erase(it);
+        link.trafficStopped = false;
+        changed |= report(link, link.tracker.answered(now, rtt));
     }
     for (Link& link : m_links) {
-        if (!link.inFlight || now - link.sentMs < m_settings.timeoutMs) continue;
-        link.inFlight = false;
-        const HealthTracker::Change change = link.tracker.lost();
-        report(link, change);
-        changed |= change != HealthTracker::Change::None;
-    }
-    return changed;
-}
-
-bool LinkMonitor::sendDue(int64_t now) {
-    bool changed = false;
-    for (size_t i = 0; i < m_links.size(); ++i) {
-        Link& link = m_links[i];
-        if (link.inFlight || now < link.nextSendMs) continue;
-        link.sequence = static_cast<uint16_t>(link.sequence + 1);
-        link.sentMs = now;
-        link.nextSendMs += m_settings.periodMs;
-        if (link.nextSendMs <= now) link.nextSendMs = now + m_settings.periodMs;
-        if (prober().send(i, m_address, link.sequence)) {
-            link.inFlight = true;
-            link.recent[link.sequence % kRecent] = Sent{link.sequence, now, true};
-        } else {
-            // Not even sent (no route, no socket): as good as lost.
-            const HealthTracker::Change change = link.tracker.lost();
-            report(link, change);
-            changed |= change != HealthTracker::Change::None;
+        changed |= report(link, link.tracker.check(now, lateMs(link)));
+        while (!link.outstanding.empty() && now - link.outstanding.front().sentMs > m_settings.timeoutMs) {
+            link.outstanding.pop_front();  // lost
         }
     }
     return changed;
 }
 
+void LinkMonitor::sendDue(int64_t now) {
+    for (size_t i = 0; i < m_links.size(); ++i) {
+        Link& link = m_links[i];
+        // Traffic that stopped after the last probe: find out why, at once
+        // but for traffic in bursts not more than twice a period.
+        if (link.trafficMs > link.lastSentMs && now >= trafficCheckMs(link)) link.trafficStopped = true;
+        const bool burst = silent(link, now) && now - link.lastSentMs >= kBurstMs;
+        if (!burst && now < link.nextSendMs) continue;
+        link.sequence = static_cast<uint16_t>(link.sequence + 1);
+        link.lastSentMs = now;
+        link.nextSendMs = now + periodMs();
+        ++m_probesSent;
+        // One that cannot be sent (no route, device down, no socket) is
+        // never answered either.
+        link.tracker.sent(now);
+        if (prober().send(i, m_address, link.sequence)) link.outstanding.push_back(Probe{link.sequence, now});
+    }
+}
+
+int64_t LinkMonitor::trafficCheckMs(const Link& link) const {
+    return std::max(link.trafficMs + kMinLateMs + 1, link.lastSentMs + m_settings.periodMs / 2);
+}
+
 int LinkMonitor::msUntilNextEvent(int64_t now) const {
+    // Idle or not, the traffic is looked at every configured period.
     int64_t next = now + m_settings.periodMs;
     for (const Link& link : m_links) {
-        next = std::min(next, link.inFlight ? link.sentMs + m_settings.timeoutMs : link.nextSendMs);
+        next = std::min(next, link.nextSendMs);
+        const HealthTracker& t = link.tracker;
+        if (!t.health().up) continue;
+        if (silent(link, now)) next = std::min(next, link.lastSentMs + kBurstMs);
+        // Traffic flowing: look again when it would have stopped.
+        if (link.trafficMs > link.lastSentMs) next = std::min(next, trafficCheckMs(link));
+        // When a probe of the run becomes late, if none is yet.
+        for (const int64_t sent : t.unansweredSentMs()) {
+            if (sent + lateMs(link) >= now) next = std::min(next, sent + lateMs(link) + 1);
+        }
+    }
+    for (const Link& link : m_links) {
+        if (!link.outstanding.empty()) next = std::min(next, link.outstanding.front().sentMs + m_settings.timeoutMs + 1);
     }
     return static_cast<int>(std::clamp<int64_t>(next - now, 0, INT32_MAX));
 }
 
-void LinkMonitor::report(const Link& link, HealthTracker::Change change) const {
+bool LinkMonitor::report(const Link& link, HealthTracker::Change change) const {
+    const LinkHealth& health = link.tracker.health();
     if (change == HealthTracker::Change::WentDown) {
-        __android_log_print(ANDROID_LOG_INFO, kTag, "link %s down: %d probes lost in a row",
-                            link.config.name.c_str(), static_cast<int>(link.tracker.health().lostInRow));
+        __android_log_print(ANDROID_LOG_INFO, kTag, "link %s down: %d probes unanswered in a row, nothing received",
+                            link.config.name.c_str(), static_cast<int>(health.unansweredInRow));
     } else if (change == HealthTracker::Change::CameUp) {
         __android_log_print(ANDROID_LOG_INFO, kTag, "link %s up: round-trip time %d ms",
                             link.config.name.c_str(), static_cast<int>(link.tracker.lastRttMs()));
     }
+    return change != HealthTracker::Change::None;
 }
 
 std::set<std::string> LinkMonitor::downLinks() const {
@@ -235,6 +332,11 @@ std::map<std::string, LinkHealth> LinkMonitor::snapshot() const {
     std::map<std::string, LinkHealth> out;
     for (const Link& link : m_links) out[link.config.name] = link.tracker.health();
     return out;
+}
+
+uint64_t LinkMonitor::probesSent() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_probesSent;
 }
 
 }  // namespace vekd::linkhealth

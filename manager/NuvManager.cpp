@@ -2,6 +2,8 @@
 
 #include <android/log.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -14,6 +16,7 @@
 #include "foundation/DebugFlag.h"
 #include "linkhealth/LinkMonitor.h"
 #include "platform/ChangeWaiter.h"
+#include "platform/Clock.h"
 #include "rules/IptablesManager.h"
 #include "stats/VekStatsImpl.h"
 
@@ -47,9 +50,14 @@ vekd::linkhealth::MonitorSettings monitorSettings(const Parameters& params) {
     vekd::linkhealth::MonitorSettings s;
     s.periodMs = params.m_pingPeriodMs;
     s.timeoutMs = params.m_rttNoresponseTimeoutMs;
-    s.health.lostToDown = params.m_minPingTimes;
+    // Twice the run the key names, and one more: random loss alone then
+    // takes a link down seldom, and a dead link is still found within 2 s.
+    const int64_t run = 2 * static_cast<int64_t>(params.m_minPingTimes) + 1;
+    s.health.unansweredToDown = static_cast<int32_t>(std::clamp<int64_t>(run, 1, 1000));
     s.health.answeredToUp = params.m_nHyst;
     s.health.alphaPercent = params.m_alphaPercent;
+    // Down for at least two periods, and two seconds.
+    s.health.holdMs = static_cast<int32_t>(std::clamp<int64_t>(2 * static_cast<int64_t>(s.periodMs), 2000, 600000));
     s.server = params.m_rttServer;
     return s;
 }
@@ -78,7 +86,8 @@ void NuvManager::resetForTesting() {
 }
 
 NuvManager::NuvManager()
-    : m_linkMonitor(std::make_unique<vekd::linkhealth::LinkMonitor>([this] { onLinkHealthChange(); })) {
+    : m_linkMonitor(std::make_unique<vekd::linkhealth::LinkMonitor>(
+          [this] { onLinkHealthChange(); }, [this](const std::string& link) { return receivedAgoMs(link); })) {
     m_iptables = IptablesManager::instance();
     if (m_params == nullptr) m_params = Parameters::instance();
     __android_log_print(ANDROID_LOG_INFO, kTag,
@@ -98,6 +107,12 @@ void NuvManager::setInterfaceParamsNuv(int index, std::string params) {
 }
 
 void NuvManager::configInterfaceRelatedParams() {
+    configureLocked();
+    // Outside the manager's locks: stopping the monitor waits for its thread.
+    applyLinkMonitor();
+}
+
+void NuvManager::configureLocked() {
     std::shared_lock<std::shared_mutex> life(s_lifeMutex);
     if (m_cleanedUp) return;
     std::lock_guard<std::mutex> config(s_configMutex);
@@ -132,30 +147,57 @@ void NuvManager::configInterfaceRelatedParams() {
         m_params->m_runState.store(kRunStateConfigured);
         // The main loop sleeps until something changes: this is a change.
         vekd::Seam<vekd::platform::ChangeWaiter>::get().wake();
-        startLinkMonitor();
+        wantLinkMonitor();
     }
 }
 
 int NuvManager::adjustParameters() {
-    std::shared_lock<std::shared_mutex> life(s_lifeMutex);
-    if (m_stats == nullptr || m_cleanedUp) return 0;
-    return m_stats->evalAndSetVEKInterfaceRatio();
+    // A change of link health, handed over by the monitor's thread: the
+    // down links are taken in this turn, and the DNS moves off a dead link.
+    const bool healthChanged = m_healthChanged.exchange(false);
+    const int hasInternet = m_wlanHasInternet.load();
+    bool dnsMoves = false;
+    int result;
+    {
+        std::shared_lock<std::shared_mutex> life(s_lifeMutex);
+        if (m_stats == nullptr || m_cleanedUp) return 0;
+        if (healthChanged) m_stats->setDownLinks(m_linkMonitor->downLinks());
+        result = m_stats->evalAndSetVEKInterfaceRatio();
+        if (healthChanged && hasInternet >= 0 && m_params != nullptr) {
+            RuleLock rules;
+            const std::optional<InterfaceInfo_t> choice = chooseDnsInterface(hasInternet != 0);
+            dnsMoves = choice && (m_dnsIface == nullptr || strcmp(choice->name, m_dnsIface->name) != 0);
+        }
+    }
+    if (dnsMoves) notifyWlanHasInternet(hasInternet != 0);
+    return result;
+}
+
+void NuvManager::waitForNextTurn(uint32_t micros) {
+    if (!m_linkMonitor->running()) {
+        vekd::Seam<vekd::platform::Clock>::get().sleepMicros(static_cast<useconds_t>(micros));
+        return;
+    }
+    std::unique_lock<std::mutex> lock(m_turnMutex);
+    m_turnWake.wait_for(lock, std::chrono::microseconds(micros), [this] { return m_healthChanged.load(); });
 }
 
 void NuvManager::cleanup() {
-    // Its thread takes the lifetime lock, so it is stopped outside it; once
-    // more afterwards, in case a configuration started it meanwhile.
-    m_linkMonitor->stop();
-    std::unique_lock<std::shared_mutex> life(s_lifeMutex);
-    if (m_cleanedUp) return;
-    if (m_stats != nullptr) m_stats->enableVEK(false);
-    IptablesManager::clean_NUV_iptables();
-    VekStatsImpl::finalize();
-    m_stats = nullptr;
-    m_iptables = nullptr;
-    m_cleanedUp = true;
-    life.unlock();
-    m_linkMonitor->stop();
+    {
+        std::unique_lock<std::shared_mutex> life(s_lifeMutex);
+        if (!m_cleanedUp) {
+            if (m_stats != nullptr) m_stats->enableVEK(false);
+            IptablesManager::clean_NUV_iptables();
+            VekStatsImpl::finalize();
+            m_stats = nullptr;
+            m_iptables = nullptr;
+            m_cleanedUp = true;
+        }
+        // After this no configuration wants the monitor again.
+        std::lock_guard<std::mutex> lock(m_monitorMutex);
+        m_monitorWanted = MonitorWanted();
+    }
+    applyLinkMonitor();
 }
 
 void NuvManager::changeUid(int uid, int mode,
@@ -267,32 +309,43 @@ std::optional<InterfaceInfo_t> NuvManager::chooseDnsInterface(bool hasInternet) 
     return *choice;
 }
 
-void NuvManager::startLinkMonitor() {
-    const auto settings = monitorSettings(*m_params);
-    std::vector<vekd::linkhealth::MonitoredLink> links;
+void NuvManager::wantLinkMonitor() {
+    MonitorWanted wanted;
+    wanted.settings = monitorSettings(*m_params);
     for (const auto& [name, info] : m_params->interfaces()) {
-        links.push_back({name, static_cast<uint32_t>(strtoul(info.fwmark, nullptr, 0))});
+        wanted.links.push_back({name, static_cast<uint32_t>(strtoul(info.fwmark, nullptr, 0)), info.metered});
     }
-    m_linkMonitor->start(settings, links);
-    // Links configured as before keep their health; the rest start up.
-    if (settings.enabled()) m_stats->setDownLinks(m_linkMonitor->downLinks());
+    std::lock_guard<std::mutex> lock(m_monitorMutex);
+    m_monitorWanted = std::move(wanted);
+}
+
+void NuvManager::applyLinkMonitor() {
+    // Whoever applies last applies what was wanted last.
+    std::lock_guard<std::mutex> apply(m_monitorApplyMutex);
+    MonitorWanted wanted;
+    {
+        std::lock_guard<std::mutex> lock(m_monitorMutex);
+        wanted = m_monitorWanted;
+    }
+    const bool was = m_linkMonitor->running();
+    m_linkMonitor->start(wanted.settings, wanted.links);
+    // Links configured as before keep their health; the next turn takes it.
+    if (was || m_linkMonitor->running()) onLinkHealthChange();
 }
 
 void NuvManager::onLinkHealthChange() {
-    const int hasInternet = m_wlanHasInternet.load();
-    bool dnsMoves = false;
     {
-        std::shared_lock<std::shared_mutex> life(s_lifeMutex);
-        if (m_cleanedUp || m_stats == nullptr) return;
-        m_stats->setDownLinks(m_linkMonitor->downLinks());
-        m_stats->evalAndSetVEKInterfaceRatio();
-        if (hasInternet >= 0 && m_params != nullptr) {
-            RuleLock rules;
-            const std::optional<InterfaceInfo_t> choice = chooseDnsInterface(hasInternet != 0);
-            dnsMoves = choice && (m_dnsIface == nullptr || strcmp(choice->name, m_dnsIface->name) != 0);
-        }
+        std::lock_guard<std::mutex> lock(m_turnMutex);
+        m_healthChanged = true;
     }
-    if (dnsMoves) notifyWlanHasInternet(hasInternet != 0);
+    m_turnWake.notify_all();
+}
+
+int64_t NuvManager::receivedAgoMs(const std::string& link) {
+    // Never waits: while cleanup holds the lifetime lock there is no answer.
+    std::shared_lock<std::shared_mutex> life(s_lifeMutex, std::try_to_lock);
+    if (!life.owns_lock() || m_cleanedUp || m_stats == nullptr) return -1;
+    return m_stats->receivedAgoMs(link);
 }
 
 void NuvManager::copyDnsSelection(std::string* iface, std::string* server) const {

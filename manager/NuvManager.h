@@ -14,29 +14,35 @@
 //    operations;
 // leaves, taken for a copy or an update and never around another lock: the
 // rule manager's installed shares (under 4 by the rewrite and the engine's
-// snapshot), the parameter store's interface lock, the link monitor's own.
+// snapshot), the parameter store's interface lock, the link monitor's own,
+// and here the wanted monitor settings and the main loop's wake-up.
+// The monitor is started and stopped under none of 1-5 but its own apply
+// lock (stopping waits for its thread); its thread takes none of them but
+// the lifetime lock, shared and without waiting, to read the traffic.
 // The instance lock only guards the singleton's creation.
 #pragma once
 
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "config/InterfaceInfo.h"
 #include "config/NuvMode.h"
+#include "linkhealth/LinkMonitor.h"
 #include "report/Snapshot.h"
 
 class IptablesManager;
 class Parameters;
 class VekStatsImpl;
-namespace vekd::linkhealth {
-class LinkMonitor;
-}
 
 class NuvManager {
   public:
@@ -48,6 +54,9 @@ class NuvManager {
     void setInterfaceParamsNuv(int index, std::string params);
     void configInterfaceRelatedParams();
     int adjustParameters();
+    // The main loop's sleep between turns: `micros`, cut short when the link
+    // monitor reports a change of health.
+    void waitForNextTurn(uint32_t micros);
     void cleanup();
 
     // Per-UID rules and the WLAN's internet state.
@@ -79,10 +88,16 @@ class NuvManager {
     // The interface whose DNS server the choice names (none: keep the
     // current one); under the rule lock.
     std::optional<InterfaceInfo_t> chooseDnsInterface(bool hasInternet) const;
-    // Link health: started with the statistics, and what a link going down
-    // or coming back changes (an evaluation turn at once, the DNS choice).
-    void startLinkMonitor();
+    // The configuration path under the manager's locks.
+    void configureLocked();
+    // Link health: the monitor wanted (under the configuration lock), then
+    // started or stopped as wanted last (under none of the manager's locks).
+    // A change of health wakes the main loop, whose next turn takes the
+    // down links and moves the DNS off a dead one.
+    void wantLinkMonitor();
+    void applyLinkMonitor();
     void onLinkHealthChange();
+    int64_t receivedAgoMs(const std::string& link);
     // The DNS selection's interface name and server, empty when none; the
     // caller holds the rule lock.
     void copyDnsSelection(std::string* iface, std::string* server) const;
@@ -97,6 +112,16 @@ class NuvManager {
     const char* m_dnsServer = nullptr;
     InterfaceInfo_t m_dnsChoice{};
     bool m_cleanedUp = false;
+    struct MonitorWanted {
+        vekd::linkhealth::MonitorSettings settings;
+        std::vector<vekd::linkhealth::MonitoredLink> links;
+    };
+    std::mutex m_monitorMutex;
+    MonitorWanted m_monitorWanted;  // guarded by m_monitorMutex
+    std::mutex m_monitorApplyMutex;
+    std::mutex m_turnMutex;
+    std::condition_variable m_turnWake;
+    std::atomic<bool> m_healthChanged{false};
     std::unique_ptr<vekd::linkhealth::LinkMonitor> m_linkMonitor;
     std::atomic<int> m_wlanHasInternet{-1};  // the last notification; -1: none yet
 };

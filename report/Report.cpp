@@ -76,7 +76,7 @@ std::string healthCell(const LinkRow& link) {
     const int32_t rtt = link.health->smoothedRttMs;
     return std::string(link.health->up ? "up" : "down") + " rtt=" +
            (rtt < 0 ? std::string("-") : number(static_cast<uint64_t>(rtt)) + "ms") +
-           " lost=" + number(link.health->lostInRow);
+           " unanswered=" + number(link.health->unansweredInRow);
 }
 
 const LinkColumn kLinkColumns[] = {

@@ -29,9 +29,10 @@ declare -A TB_IFACE_PARAMS=(
   [rmnet_data0]="rmnet_data0,1,rmnet_data0,0x5B,0,20,0,10.2.0.1"
 )
 
-# The link monitor's settings in the testbed: a probe every 250 ms, four
-# lost in a row make a link down.
-TB_LINK_CONF="ping_period_ms = 250
+# The link monitor's settings in the testbed: a probe a second (the least on
+# a metered link), "min_ping_times" 4: nine unanswered in a row, with nothing
+# received meanwhile, make a link down.
+TB_LINK_CONF="ping_period_ms = 1000
 min_ping_times = 4
 rtt_server = $TB_SERVER_IP"
 

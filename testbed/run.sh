@@ -36,7 +36,7 @@ Options:
   --conn-time S  seconds the server sends on one download (default 0.3)
   --https PCT    percentage of downloads over HTTPS, port 443 (default 20)
   --no-monitor   the daemon does not probe the links (by default it probes
-                 each every 250 ms: "ping_period_ms", "min_ping_times" 4)
+                 each every second: "ping_period_ms" 1000, "min_ping_times" 4)
   --bin DIR      where vekd, vekstatd and vekctl are (default build/bin)
   --out DIR      where the summary and picture go
                  (default build/testbed/SCENARIO)

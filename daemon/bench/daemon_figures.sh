@@ -78,7 +78,7 @@ rss2=$(rss_kib)
 
 # Again with the link monitor on, probing a target on the loopback.
 kill "$daemon"; wait "$daemon" 2>/dev/null || true
-printf 'ping_period_ms=250\nrtt_server=127.0.0.1\n' >> "$root/data/vendor/vek/vekd.conf"
+printf 'ping_period_ms=1000\nrtt_server=127.0.0.1\n' >> "$root/data/vendor/vek/vekd.conf"
 start_daemon
 configure
 sleep 1

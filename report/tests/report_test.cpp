@@ -37,7 +37,7 @@ TEST(ReportTest, ShowsEverySectionAndTheHealthColumnOnlyWithAMonitor) {
     s.links[0].health = linkhealth::LinkHealth{true, 12, 0};
     const std::string shown = formatReport(s, counters, "note: x");
     EXPECT_EQ(shown.rfind("note: x\nvekd report\n", 0), 0u);
-    for (const char* expected : {"installed_share  health\n", "0.500            up rtt=12ms lost=0\n", "-                -\n"}) {
+    for (const char* expected : {"installed_share  health\n", "0.500            up rtt=12ms unanswered=0\n", "-                -\n"}) {
         EXPECT_NE(shown.find(expected), std::string::npos) << expected << "\nin\n" << shown;
     }
 }

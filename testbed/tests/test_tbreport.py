@@ -106,10 +106,10 @@ class Report(unittest.TestCase):
         self.assertEqual(len(svg.findall("{http://www.w3.org/2000/svg}polyline")), 6)  # shaped, estimate, share
         dump = tb.parse_dump(
             "links: 2\n  name         estimate_kbps  computed_share  installed_share  health\n"
-            "  rmnet_data0  1923           0.400           0.402            down rtt=0ms lost=3\n"
+            "  rmnet_data0  1923           0.400           0.402            down rtt=0ms unanswered=3\n"
             "  wlan0        961            0.600           0.598            -\n"
             "\ncounters since start:\n  evaluation_turns 19\n")
-        self.assertEqual((dump["turns"], dump["links"]["rmnet_data0"]["health"]), (19, "down rtt=0ms lost=3"))
+        self.assertEqual((dump["turns"], dump["links"]["rmnet_data0"]["health"]), (19, "down rtt=0ms unanswered=3"))
         line = tb.live_line(dump, 0, ["wlan0", "wlan1"])
         self.assertIn("wlan0          961 kbit/s  share 0.600 (rules 0.598)  -  |  wlan1            - kbit/s", line)
 
