@@ -2,7 +2,8 @@
 // statistics file bytes. Input: a 26-byte block of parameters, then the
 // bytes of up to three statistics files (shared out equally, each padded
 // with zeros to the 20480 bytes the daemon maps). Several evaluation turns
-// run over the same files, so the rate history takes part too.
+// run over the same files, so the rate history takes part too, and so does
+// the walk that finds each link's last flow.
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -109,6 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         stats->evalAndSetVEKInterfaceRatio();
         for (const vekd::report::LinkRow& link : stats->snapshot(nullptr)) {
             FUZZ_CHECK(std::isfinite(link.computedShare));
+            FUZZ_CHECK(stats->receivedAgoMs(link.name) >= -1);  // the link monitor's walk of the same ring
         }
         now += block[1] >> 2;
     }
