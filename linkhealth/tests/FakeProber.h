@@ -24,7 +24,6 @@ class FakeProber : public linkhealth::LinkProber {
     bool open(size_t, const std::string&, uint32_t) override { return true; }
     bool send(size_t link, uint32_t, uint16_t sequence) override {
         std::lock_guard<std::mutex> lock(m_mutex);
-        ++sent[link];
         if (sendFails) return false;
         const int64_t ramp = (m_clock.monotonicMs() - m_rampFromMs[link]) * m_rampMsPerS[link] / 1000;
         const int rtt = m_rttMs[link] + static_cast<int>(std::min<int64_t>(ramp, m_rampUpToMs[link]));
@@ -61,7 +60,6 @@ class FakeProber : public linkhealth::LinkProber {
     bool sendFails = false;
     bool sleepInWaits = false;
     int lookups = 0;
-    std::map<size_t, int> sent;
 
   private:
     FakeClock& m_clock;

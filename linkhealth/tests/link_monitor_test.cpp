@@ -126,8 +126,7 @@ TEST(Monitor, RecoveryRestartsRefusalsIdleAndLookups) {
     vekd::test::LogCapture log;
     Simulated sim;
     sim.prober.setRtt(0, -1);
-    int64_t downAt = sim.clock.monotonicMs();
-    downAt += sim.runFor(2000).second;
+    const int64_t start = sim.clock.monotonicMs(), downAt = start + sim.runFor(2000).second;
     EXPECT_EQ(log.count("link rmnet_data0 down: 9 probes unanswered in a row, nothing received"), 1u);
     EXPECT_EQ(sim.monitor.downLinks(), std::set<std::string>{"rmnet_data0"});
     sim.prober.setRtt(0, 30);
@@ -156,10 +155,8 @@ TEST(Monitor, RecoveryRestartsRefusalsIdleAndLookups) {
 
     // Refused with one line each: a period below its floor.
     EXPECT_FALSE(sim.monitor.begin({999, 0, {}, "x"}, sim.links) || sim.monitor.begin({99, 0, {}, "x"}, {{"a", 1}, {"b", 2}}));
-    for (const char* line : {"off: ping_period_ms 999 is below 1000 ms with a metered link",
-                             "off: ping_period_ms 99 is below 100 ms"}) {
+    for (const char* line : {"off: ping_period_ms 999 is below 1000 ms with a metered link", "off: ping_period_ms 99 is below 100 ms"})
         EXPECT_EQ(log.count(std::string("link monitor ") + line), 1u) << line;
-    }
     EXPECT_FALSE(sim.monitor.running());
 
     // A look-up that never answers: nothing probed, nothing blocked.
@@ -169,6 +166,8 @@ TEST(Monitor, RecoveryRestartsRefusalsIdleAndLookups) {
     sim.runFor(60000);
     EXPECT_EQ(sim.monitor.probesSent(), before);
     EXPECT_EQ(sim.prober.lookups, 4) << "one look-up at a time";
+    sim.monitor.stop();
+    EXPECT_FALSE(sim.monitor.running());
 }
 
 }  // namespace

@@ -182,8 +182,10 @@ TEST_F(StatsTest, SpacersAreJumpedAndOtherKindsServeOnlyAsReferences) {
 TEST_F(StatsTest, TheLastFlowIsNotATrickleAfterIt) {
     const auto lastFlow = [&] { return VekStatsData(ring.data(), false).lastFlowMs(8192, 500); };
     ring.setMagic();
+    EXPECT_EQ(lastFlow(), 0u) << "nothing received yet";
     ring.appendSeries(kNowMs - 2000, 10, 100, 1448);  // a second of flow, the last 1010 ms ago
-    ring.appendSeries(kNowMs - 500, 1, 10, 1448);     // 14 KB at once
+    ring.appendSeries(kNowMs - 500, 1, 10, 1448);     // 14 KB at once, and samples that never count
+    ring.appendSeries(kNowMs - 490, 0, 2, 60000, kVekSampleSpacer), ring.appendSeries(kNowMs - 490, 0, 1, 60000, kVekSampleCounted, 1);
     EXPECT_EQ(lastFlow(), kNowMs - 1010);
     ring.appendSeries(kNowMs - 490, 10, 49, 1448);  // a flow again: no less than half the best window before
     EXPECT_EQ(lastFlow(), kNowMs - 10);
