@@ -289,13 +289,15 @@ int LinkMonitor::msUntilNextEvent(int64_t now) const {
         if (silent(link, now)) next = std::min(next, link.lastSentMs + kBurstMs);
         // Traffic flowing: look again when it would have stopped.
         if (link.trafficMs > link.lastSentMs) next = std::min(next, trafficCheckMs(link));
-        // When a probe of the run becomes late, if none is yet.
-        for (const int64_t sent : t.unansweredSentMs()) {
-            if (sent + lateMs(link) >= now) next = std::min(next, sent + lateMs(link) + 1);
+        // When the run's first probe becomes late (silence) and when its
+        // newest does (down); the probes in between decide nothing. Probes
+        // past the timeout need no wake-up: every turn drops them.
+        const std::vector<int64_t>& run = t.unansweredSentMs();
+        if (run.empty()) continue;
+        const int64_t late = lateMs(link);
+        for (const int64_t sent : {run.front(), run.back()}) {
+            if (sent + late >= now) next = std::min(next, sent + late + 1);
         }
-    }
-    for (const Link& link : m_links) {
-        if (!link.outstanding.empty()) next = std::min(next, link.outstanding.front().sentMs + m_settings.timeoutMs + 1);
     }
     return static_cast<int>(std::clamp<int64_t>(next - now, 0, INT32_MAX));
 }
