@@ -17,8 +17,9 @@
 // snapshot), the parameter store's interface lock, the link monitor's own,
 // and here the wanted monitor settings and the main loop's wake-up.
 // The monitor is started and stopped under none of 1-5 but its own apply
-// lock (stopping waits for its thread); its thread takes none of them but
-// the lifetime lock, shared and without waiting, to read the traffic.
+// lock (stopping waits for its thread). To read the traffic its thread
+// tries the lifetime lock, shared and without waiting, then takes the
+// statistics engine's lock (4); it takes none of the others.
 // The instance lock only guards the singleton's creation.
 #pragma once
 
