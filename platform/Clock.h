@@ -10,6 +10,11 @@
 
 namespace vekd::platform {
 
+// Milliseconds since the epoch of a time of day.
+inline uint64_t msOf(const struct timeval& tv) {
+    return static_cast<uint64_t>(tv.tv_sec) * 1000 + static_cast<uint64_t>(tv.tv_usec) / 1000;
+}
+
 class Clock {
   public:
     virtual ~Clock() = default;
@@ -21,7 +26,7 @@ class Clock {
     virtual int64_t monotonicMs() {
         struct timeval tv {};
         getTimeOfDay(&tv);
-        return static_cast<int64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
+        return static_cast<int64_t>(msOf(tv));
     }
     static Clock& real();
 };

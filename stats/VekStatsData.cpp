@@ -89,8 +89,7 @@ unsigned int VekStatsData::linkRateEstimate(unsigned int* sampleCount, const cha
     }
     // One millisecond ahead, so that a sample stamped in this very
     // millisecond is never newer than "now".
-    const uint64_t now = static_cast<uint64_t>(tv.tv_sec) * 1000 +
-                         static_cast<uint64_t>(tv.tv_usec) / 1000 + 1;
+    const uint64_t now = vekd::platform::msOf(tv) + 1;
 
     Parameters* params = Parameters::instance();
     const WalkBounds bounds{params->get(OPER_MINI_STALE_INTERVAL), params->get(OPER_IDEAL_EST_WINDOW),

@@ -215,7 +215,7 @@ int64_t VekStatsImpl::receivedAgoMs(const std::string& iface) const {
     const uint64_t newest = it->second->statsData->lastFlowMs(8192, 500);
     struct timeval tv {};
     if (newest == 0 || vekd::Seam<vekd::platform::Clock>::get().getTimeOfDay(&tv) != 0) return -1;
-    const uint64_t now = static_cast<uint64_t>(tv.tv_sec) * 1000 + static_cast<uint64_t>(tv.tv_usec) / 1000;
+    const uint64_t now = vekd::platform::msOf(tv);
     // A sample stamped ahead of this clock counts as just now.
     return now > newest ? static_cast<int64_t>(std::min<uint64_t>(now - newest, INT64_MAX)) : 0;
 }

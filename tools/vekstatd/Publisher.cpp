@@ -37,7 +37,7 @@ constexpr int kMaxPacketsPerDrain = 4096;
 uint64_t nowMs() {
     struct timeval tv {};
     vekd::Seam<vekd::platform::Clock>::get().getTimeOfDay(&tv);
-    return static_cast<uint64_t>(tv.tv_sec) * 1000 + static_cast<uint64_t>(tv.tv_usec) / 1000;
+    return vekd::platform::msOf(tv);
 }
 
 }  // namespace
